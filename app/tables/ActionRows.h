@@ -26,7 +26,7 @@ struct GUI_ACTION {
   QString sStatusTip;
   QString sToolTip;
   QString sObjectName;
-  QAction* pAction;           // bound at start-up, null until then
+  QAction* pAction;             // bound at start-up, null until then
   U32 aWaitsFor[kMaxWaitJobs];  // JT_* types a script call waits for; 0 for none
 };
 
