@@ -90,11 +90,11 @@ enum : U32 {
 };
 
 struct DEVICE_JOB {
-  U32 Type;      // a JT_* value; 0 marks a free record
-  U32 QueueIdx;  // 0, 1 or 2, set on submission
-  U64 JobId;     // running number, set on submission
-  U32 Status;    // JOB_STATUS_*
-  U32 Flags;     // JOB_FLAG_*
+  U32 Type;        // a JT_* value; 0 marks a free record
+  U32 QueueIdx;    // 0, 1 or 2, set on submission
+  U64 JobId;       // running number, set on submission
+  U32 Status;      // JOB_STATUS_*
+  U32 Flags;       // JOB_FLAG_*
   I64 aResult[3];  // meaning per type; [0] is signed, [1] and [2] hold unsigned values
   U64 aParam[5];
   U8* apData[3];  // heap buffers owned by the record

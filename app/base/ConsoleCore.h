@@ -9,12 +9,12 @@
 #include "app/base/Types.h"
 
 struct CONSOLE_MSG {
-  U8 Used;       // 1: the slot holds a message
-  U8 NewLine;    // 1: starts a new paragraph; 0: continues the last line
-  U8 Mono;       // 1: monospaced variant of the console font
+  U8 Used;     // 1: the slot holds a message
+  U8 NewLine;  // 1: starts a new paragraph; 0: continues the last line
+  U8 Mono;     // 1: monospaced variant of the console font
   char acText[1001];
-  U32 Color;     // ARGB, used when ColorID is -1
-  I32 ColorID;   // an ID of the colour table, resolved at display time; -1 for Color
+  U32 Color;    // ARGB, used when ColorID is -1
+  I32 ColorID;  // an ID of the colour table, resolved at display time; -1 for Color
 };
 
 constexpr int kConsoleRingSize = 1000;

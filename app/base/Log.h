@@ -39,7 +39,7 @@ bool ScanDebugSwitch(int argc, char** argv);
 
 // The state of one log sink. The process has one (GetLogSink()); tests make their own.
 class CLogSink {
-public:
+ public:
   static constexpr int kWorkBufferSize = 2048;
   static constexpr qint64 kMaxFileSize = 16000000;  // beyond this the file is cut back ...
   static constexpr qint64 kKeptFileSize = 16000;    // ... to its first this many bytes
@@ -63,7 +63,7 @@ public:
   // Writes pending text to the file now (at normal program end, so logs are complete).
   void Flush();
 
-private:
+ private:
   void _WriteOut();
 
   mutable QMutex _Mutex;
