@@ -182,6 +182,9 @@ extern const SYS_CONSTANT g_aConstants[kNumConstants];
 // Surrounding double quotes removed, the text is compared with each row's display text, then each
 // row's name, ignoring case, in table order; lastly the alias RM_BREAK_AT_MAIN. Null if none.
 const SYS_CONSTANT* FindConstant(const QString& sText);
+// Like FindConstant, but the first matching row whose value is among Values: "DISABLED" names both a
+// breakpoint state (3) and the false constant (0), and a yes/no setting wants the latter.
+const SYS_CONSTANT* FindConstantAmong(const QString& sText, const QList<I32>& Values);
 // The value of that row, otherwise the base-0 conversion of the text, otherwise -1.
 I32 ConstantValue(const QString& sText);
 // The display text of the row the text finds; empty if none.
