@@ -70,10 +70,10 @@ constexpr int kSysVarMaxLabel = 63;   // a selection label is cut to this many c
 
 struct SYS_VAR;
 
-// How a row's value reads and writes as text. ToText renders Value (the current value for the
-// caller's purposes; ignored by the text type, which renders its cell) into acText and returns 0, or
-// -1 with an explanatory text in acText. FromText parses, checks and writes pValue (and pStored with
-// Store); on failure nothing is written, it returns -1 and SysVarError() names the bad input.
+// How a row's value reads and writes as text. ToText renders Value into acText (the text type ignores
+// Value and renders its cell) and returns 0, or -1 with an explanatory text in acText. FromText parses,
+// checks and writes pValue (and pStored with Store); on failure nothing is written, it returns -1 and
+// SysVarError() names the bad input.
 struct SYS_VAR_TYPE {
   int (*ToText)(const SYS_VAR* pVar, I32 Value, char* acText, int Size);
   int (*FromText)(SYS_VAR* pVar, bool Store, const char* sText);
