@@ -1,0 +1,7 @@
+// Test entry point. The debug layers need no Qt event loop; gtest alone runs them.
+#include <gtest/gtest.h>
+
+int main(int argc, char** argv) {
+  ::testing::InitGoogleTest(&argc, argv);
+  return RUN_ALL_TESTS();
+}
