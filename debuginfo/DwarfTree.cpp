@@ -343,7 +343,8 @@ static ELF_DIE _GetNamespaceExtDie(ELF_FILE* pFile, ELF_DIE Die) {
   U64 offset = _GetDieOffset(pFile, Die);
   for (U32 i = 0; i < s->namespaceExts.n; i++) {
     bool isInfo = false;
-    ELF_DIE ext = _GetDieAtOffset(pFile, _IdToOffset(s->namespaceExts.items[i], &isInfo), isInfo);
+    U64 extOffset = _IdToOffset(s->namespaceExts.items[i], &isInfo);
+    ELF_DIE ext = _GetDieAtOffset(pFile, extOffset, isInfo);
     DWA_VALUE v;
     if (ext && _CreateDieAttr(pFile, ext, DW_AT_extension, &v) && v.Kind == DWA_VALUE_REFERENCE &&
         v.u == offset) {
@@ -620,20 +621,6 @@ bool _IsStaticDie(ELF_FILE* pFile, ELF_DIE Die) {
  * Names
  */
 
-// Replaces every occurrence of sFrom by sTo, unless the result would reach Size characters.
-static void _ReplaceAll(char* s, size_t Size, const char* sFrom, const char* sTo) {
-  size_t nFrom = strlen(sFrom), nTo = strlen(sTo);
-  char* p = s;
-  while ((p = strstr(p, sFrom)) != nullptr) {
-    size_t len = strlen(s);
-    if (len - nFrom + nTo >= Size)
-      return;
-    memmove(p + nTo, p + nFrom, strlen(p + nFrom) + 1);
-    memcpy(p, sTo, nTo);
-    p += nTo;
-  }
-}
-
 void ELF_NormaliseBaseTypeName(char* s, size_t Size) {
   static const char* const aaRules[][2] = {
       {"unsigned char", "uchar"},
@@ -663,8 +650,38 @@ void ELF_NormaliseBaseTypeName(char* s, size_t Size) {
       {"signed long long", "long long"},
       {"long long int", "long long"},
   };
-  for (const auto& rule : aaRules)
-    _ReplaceAll(s, Size, rule[0], rule[1]);
+  // One pass from left to right, the longest spelling first at each place, and replaced text is
+  // not matched again: applied one after another, "unsigned int" would turn "long long unsigned
+  // int" into "long long uint" and then "long uint" into "long ulong".
+  char acOut[kTypeTextSize];
+  size_t nOut = 0;
+  const char* p = s;
+  while (*p && nOut + 1 < sizeof(acOut)) {
+    const char* sBest = nullptr;
+    size_t nBest = 0;
+    bool wordStart = p == s || p[-1] == ' ' || p[-1] == '*' || p[-1] == '(';
+    for (const auto& rule : aaRules) {
+      size_t n = strlen(rule[0]);
+      if (wordStart && n > nBest && strncmp(p, rule[0], n) == 0 &&
+          (p[n] == 0 || p[n] == ' ' || p[n] == '*')) {
+        sBest = rule[1];
+        nBest = n;
+      }
+    }
+    if (sBest) {
+      size_t n = strlen(sBest);
+      if (nOut + n + 1 >= sizeof(acOut))
+        break;
+      memcpy(acOut + nOut, sBest, n);
+      nOut += n;
+      p += nBest;
+    } else {
+      acOut[nOut++] = *p++;
+    }
+  }
+  acOut[nOut] = 0;
+  if (*p == 0 && nOut < Size)
+    memcpy(s, acOut, nOut + 1);
 }
 
 static const char* _GetOwnName(ELF_FILE* pFile, ELF_DIE Die) {
@@ -1337,7 +1354,8 @@ static void _FindMainSym(ELF_FILE* pFile) {
   for (int pass = 0; pass < 2 && !s->mainSym; pass++) {
     for (U32 i = 0; i < s->functions.n; i++) {
       bool isInfo = false;
-      ELF_DIE die = _GetDieAtOffset(pFile, _IdToOffset(s->functions.items[i], &isInfo), isInfo);
+      U64 offset = _IdToOffset(s->functions.items[i], &isInfo);
+      ELF_DIE die = _GetDieAtOffset(pFile, offset, isInfo);
       if (!die)
         continue;
       bool match = pass == 0 ? _HasNonZero(pFile, die, DW_AT_main_subprogram)

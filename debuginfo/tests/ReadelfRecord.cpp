@@ -162,28 +162,50 @@ std::vector<LineRow> ParseLines(const std::string& sFixture) {
   return rows;
 }
 
+// The ranges record holds llvm-dwarfdump's resolved lists: "DW_AT_ranges\t(0x0000006c" and then
+// "[0x080000c8, 0x080000fc)" lines, the last one closed by "))".
+static std::vector<AddrRange> ParseRangesAt(const std::string& sFixture, uint64_t Offset) {
+  std::vector<AddrRange> entries;
+  char acStart[40];
+  snprintf(acStart, sizeof(acStart), "DW_AT_ranges\t(0x%08llx", (unsigned long long)Offset);
+  std::regex reRange(R"(^\s+\[0x([0-9a-f]+), 0x([0-9a-f]+)\)\)?$)");
+  bool inList = false;
+  for (const std::string& line : ReadLines(FixturePath(sFixture + ".ranges.txt"))) {
+    if (!inList) {
+      inList = line.find(acStart) != std::string::npos;
+      continue;
+    }
+    std::smatch m;
+    if (!std::regex_match(line, m, reRange))
+      break;
+    entries.push_back({Hex(m[1]), Hex(m[2])});
+    if (line.size() >= 2 && line.compare(line.size() - 2, 2, "))") == 0)
+      break;
+  }
+  return entries;
+}
+
 std::vector<AddrRange> ParseListAt(const std::string& sFixture, const std::string& sKind, uint64_t Offset) {
+  if (sKind == "ranges")
+    return ParseRangesAt(sFixture, Offset);
   std::vector<AddrRange> entries;
   char acStart[16];
   snprintf(acStart, sizeof(acStart), "%08llx", (unsigned long long)Offset);
   std::regex reLoc(R"(^\s+([0-9a-f]{8}) ([0-9a-f]{8}) \(.*\)$)");
-  std::regex reRange(R"(^\s+[0-9a-f]{8} ([0-9a-f]{8}) ([0-9a-f]{8})\s*$)");
   bool inList = false;
-  for (const std::string& line : ReadLines(FixturePath(sFixture + "." + sKind + ".txt"))) {
-    std::string trimmed =
-        line.substr(line.find_first_not_of(' ') == std::string::npos ? 0 : line.find_first_not_of(' '));
+  for (const std::string& line : ReadLines(FixturePath(sFixture + ".loc.txt"))) {
+    size_t first = line.find_first_not_of(' ');
     if (!inList) {
-      if (trimmed.rfind(acStart, 0) != 0)
+      if (first == std::string::npos || line.compare(first, 8, acStart) != 0)
         continue;
       inList = true;
     }
     if (line.find("<End of list>") != std::string::npos)
       break;
     std::smatch m;
-    if (sKind == "loc" && std::regex_match(line, m, reLoc))
+    if (line.find("(base address)") == std::string::npos && std::regex_match(line, m, reLoc)) {
       entries.push_back({Hex(m[1]), Hex(m[2])});
-    if (sKind == "ranges" && std::regex_match(line, m, reRange))
-      entries.push_back({Hex(m[1]), Hex(m[2])});
+    }
   }
   return entries;
 }
