@@ -100,97 +100,98 @@ enum : int {
 
 // The operation list: return type, name, parameter list. Expanded into the table below, into the
 // back-ends' definitions and into the mock.
-#define TARVIK_API_LIST(X)                                                                  \
-  /* Session and configuration */                                                          \
-  X(const char*, TARVIKARM_Open, (void))                                                   \
-  X(void, TARVIKARM_Close, (void))                                                         \
-  X(U8, TARVIKARM_IsOpen, (void))                                                          \
-  X(int, TARVIKARM_Connect, (void))                                                        \
-  X(U8, TARVIKARM_IsConnected, (void))                                                     \
-  X(int, TARVIKARM_SelectUSB, (int Port))                                                  \
-  X(int, TARVIKARM_EMU_SelectByUSBSN, (U32 SerialNo))                                      \
-  X(U8, TARVIKARM_SelectIP, (const char* sHost, int Port))                                 \
-  X(U32, TARVIKARM_GetSN, (void))                                                          \
-  X(U32, TARVIKARM_GetDLLVersion, (void))                                                  \
-  X(void, TARVIKARM_GetFirmwareString, (char* sBuffer, int BufferSize))                    \
-  X(int, TARVIKARM_ExecCommand, (const char* sCmd, char* sOut, int OutSize))               \
-  X(void, TARVIKARM_EnableLog, (TARVIK_LOG_FUNC pfLog))                                    \
-  X(void, TARVIKARM_SetWarnOutHandler, (TARVIK_LOG_FUNC pfWarn))                           \
-  X(void, TARVIKARM_SetErrorOutHandler, (TARVIK_LOG_FUNC pfError))                         \
-  X(void, TARVIKARM_SetLogFile, (const char* sPath))                                       \
-  X(void*, TARVIK_GetpFunc, (int Id))                                                      \
-  /* Target interface and device */                                                        \
-  X(void, TARVIKARM_TIF_Select, (int Interface))                                           \
-  X(void, TARVIKARM_SetSpeed, (U32 kHz))                                                   \
-  X(U16, TARVIKARM_GetSpeed, (void))                                                       \
-  X(void, TARVIKARM_SetEndian, (int BigEndian))                                            \
-  X(void, TARVIKARM_SetCoreIndex, (int CoreIndex))                                         \
-  X(void, TARVIKARM_ConfigJTAG, (int IRPre, int DRPre))                                    \
-  X(int, TARVIKARM_DEVICE_GetIndex, (const char* sName))                                   \
-  X(int, TARVIKARM_DEVICE_GetInfo, (int Index, TARVIK_DEVICE_INFO* pInfo))                 \
-  X(void, TARVIKARM_Core2CoreName, (U32 Core, char* sOut, U32 Size))                       \
-  X(void, TARVIKARM_GetDebugInfo, (U32 Index, U32* pOut))                                  \
-  X(int, TARVIKARM_EMU_HasCapEx, (int Cap))                                                \
-  X(void, TARVIKARM_RAWTRACE_Control, (U32 Cmd, U32* pOut))                                \
-  /* Run control */                                                                        \
-  X(U8, TARVIKARM_Halt, (void))                                                            \
-  X(I8, TARVIKARM_IsHalted, (void))                                                        \
-  X(void, TARVIKARM_GoEx, (U32 MaxEmulInsts, U32 Flags))                                   \
-  X(U8, TARVIKARM_Step, (void))                                                            \
-  X(int, TARVIKARM_Reset, (void))                                                          \
-  X(void, TARVIKARM_SetResetType, (int Type))                                              \
-  X(void, TARVIKARM_SetResetDelay, (int DelayMS))                                          \
-  X(void, TARVIKARM_SetInitRegsOnReset, (int On))                                          \
-  X(int, TARVIKARM_MeasureCPUSpeedEx, (U32 RAMAddr, int PreserveMem, int AllowFail))       \
-  /* Breakpoints */                                                                        \
-  X(void, TARVIKARM_EnableSoftBPs, (int On))                                               \
-  X(U32, TARVIKARM_SetBPEx, (U32 Addr, U32 ImplFlags))                                     \
-  X(int, TARVIKARM_ClrBPEx, (U32 Handle))                                                  \
-  X(int, TARVIKARM_GetBPInfoEx, (int Index, TARVIK_BP_INFO* pInfo))                        \
-  X(int, TARVIKARM_SetDataEvent, (TARVIK_DATA_EVENT* pEvent, U32* pHandle))                \
-  X(int, TARVIKARM_ClrDataEvent, (U32 Handle))                                             \
-  X(int, TARVIKARM_GetWPInfoEx, (int Index, TARVIK_WP_INFO* pInfo))                        \
-  /* Registers */                                                                          \
-  X(U32, TARVIKARM_ReadReg, (U32 Index))                                                   \
-  X(int, TARVIKARM_ReadRegs, (const U32* paIndex, U32* paData, U8* paStatus, U32 Cnt))     \
-  X(U8, TARVIKARM_WriteReg, (U32 Index, U32 Value))                                        \
-  X(int, TARVIKARM_CP15_ReadEx, (U8 CRn, U8 CRm, U8 Op1, U8 Op2, U32* pOut))               \
-  X(int, TARVIKARM_CP15_WriteEx, (U8 CRn, U8 CRm, U8 Op1, U8 Op2, U32 Value))              \
-  /* Memory */                                                                             \
-  X(int, TARVIKARM_ReadMemEx, (U32 Addr, U32 NumBytes, void* pData, U32 AccessWidth))      \
-  X(int, TARVIKARM_ReadMemHW, (U32 Addr, U32 NumBytes, void* pData))                       \
-  X(int, TARVIKARM_ReadMem, (U32 Addr, U32 NumBytes, void* pData))                         \
-  X(int, TARVIKARM_ReadMemU8, (U32 Addr, U32 Cnt, U8* pData, U8* pStatus))                 \
-  X(int, TARVIKARM_ReadMemU16, (U32 Addr, U32 Cnt, U16* pData, U8* pStatus))               \
-  X(int, TARVIKARM_ReadMemU32, (U32 Addr, U32 Cnt, U32* pData, U8* pStatus))               \
-  X(int, TARVIKARM_ReadMemU64, (U32 Addr, U32 Cnt, U64* pData, U8* pStatus))               \
-  X(int, TARVIKARM_WriteMemEx, (U32 Addr, U32 NumBytes, const void* pData, U32 AccessWidth)) \
-  X(int, TARVIKARM_WriteMem, (U32 Addr, U32 NumBytes, const void* pData))                  \
-  X(int, TARVIKARM_WriteU8, (U32 Addr, U8 Data))                                           \
-  X(int, TARVIKARM_WriteU16, (U32 Addr, U16 Data))                                         \
-  X(int, TARVIKARM_WriteU32, (U32 Addr, U32 Data))                                         \
-  X(int, TARVIKARM_WriteU64, (U32 Addr, U64 Data))                                         \
-  X(void, TARVIKARM_BeginDownload, (U32 Flags))                                            \
-  X(int, TARVIKARM_EndDownload, (void))                                                    \
-  /* Disassembly */                                                                        \
-  X(int, TARVIKARM_DisassembleInstEx, (char* sOut, U32 BufferSize, U32 Addr, const TARVIK_DISASS_INFO* pInfo)) \
-  /* Target data streams */                                                                \
-  X(int, TARVIK_MCTERMINAL_Control, (U32 Cmd, void* p))                                    \
-  X(int, TARVIK_MCTERMINAL_Read, (U32 BuffIdx, void* pData, U32 NumBytes))                 \
-  X(int, TARVIK_MCTERMINAL_Write, (U32 BuffIdx, const void* pData, U32 NumBytes))          \
-  X(int, TARVIK_HSS_Start, (TARVIK_HSS_BLOCK* paBlock, int Cnt, int Interval_us, int Flags)) \
-  X(int, TARVIK_HSS_Stop, (void))                                                          \
-  X(int, TARVIK_HSS_Read, (void* pData, U32 NumBytes))                                     \
-  X(void, TARVIK_STRACE_Config, (const char* sConfig))                                     \
-  X(int, TARVIK_STRACE_Start, (void))                                                      \
-  X(int, TARVIK_STRACE_Stop, (void))                                                       \
-  X(int, TARVIK_STRACE_Read, (U32* paItems, U32 Cnt))                                      \
+#define TARVIK_API_LIST(X)                                                                     \
+  /* Session and configuration */                                                              \
+  X(const char*, TARVIKARM_Open, (void))                                                       \
+  X(void, TARVIKARM_Close, (void))                                                             \
+  X(U8, TARVIKARM_IsOpen, (void))                                                              \
+  X(int, TARVIKARM_Connect, (void))                                                            \
+  X(U8, TARVIKARM_IsConnected, (void))                                                         \
+  X(int, TARVIKARM_SelectUSB, (int Port))                                                      \
+  X(int, TARVIKARM_EMU_SelectByUSBSN, (U32 SerialNo))                                          \
+  X(U8, TARVIKARM_SelectIP, (const char* sHost, int Port))                                     \
+  X(U32, TARVIKARM_GetSN, (void))                                                              \
+  X(U32, TARVIKARM_GetDLLVersion, (void))                                                      \
+  X(void, TARVIKARM_GetFirmwareString, (char* sBuffer, int BufferSize))                        \
+  X(int, TARVIKARM_ExecCommand, (const char* sCmd, char* sOut, int OutSize))                   \
+  X(void, TARVIKARM_EnableLog, (TARVIK_LOG_FUNC pfLog))                                        \
+  X(void, TARVIKARM_SetWarnOutHandler, (TARVIK_LOG_FUNC pfWarn))                               \
+  X(void, TARVIKARM_SetErrorOutHandler, (TARVIK_LOG_FUNC pfError))                             \
+  X(void, TARVIKARM_SetLogFile, (const char* sPath))                                           \
+  X(void*, TARVIK_GetpFunc, (int Id))                                                          \
+  /* Target interface and device */                                                            \
+  X(void, TARVIKARM_TIF_Select, (int Interface))                                               \
+  X(void, TARVIKARM_SetSpeed, (U32 kHz))                                                       \
+  X(U16, TARVIKARM_GetSpeed, (void))                                                           \
+  X(void, TARVIKARM_SetEndian, (int BigEndian))                                                \
+  X(void, TARVIKARM_SetCoreIndex, (int CoreIndex))                                             \
+  X(void, TARVIKARM_ConfigJTAG, (int IRPre, int DRPre))                                        \
+  X(int, TARVIKARM_DEVICE_GetIndex, (const char* sName))                                       \
+  X(int, TARVIKARM_DEVICE_GetInfo, (int Index, TARVIK_DEVICE_INFO* pInfo))                     \
+  X(void, TARVIKARM_Core2CoreName, (U32 Core, char* sOut, U32 Size))                           \
+  X(void, TARVIKARM_GetDebugInfo, (U32 Index, U32 * pOut))                                     \
+  X(int, TARVIKARM_EMU_HasCapEx, (int Cap))                                                    \
+  X(void, TARVIKARM_RAWTRACE_Control, (U32 Cmd, U32 * pOut))                                   \
+  /* Run control */                                                                            \
+  X(U8, TARVIKARM_Halt, (void))                                                                \
+  X(I8, TARVIKARM_IsHalted, (void))                                                            \
+  X(void, TARVIKARM_GoEx, (U32 MaxEmulInsts, U32 Flags))                                       \
+  X(U8, TARVIKARM_Step, (void))                                                                \
+  X(int, TARVIKARM_Reset, (void))                                                              \
+  X(void, TARVIKARM_SetResetType, (int Type))                                                  \
+  X(void, TARVIKARM_SetResetDelay, (int DelayMS))                                              \
+  X(void, TARVIKARM_SetInitRegsOnReset, (int On))                                              \
+  X(int, TARVIKARM_MeasureCPUSpeedEx, (U32 RAMAddr, int PreserveMem, int AllowFail))           \
+  /* Breakpoints */                                                                            \
+  X(void, TARVIKARM_EnableSoftBPs, (int On))                                                   \
+  X(U32, TARVIKARM_SetBPEx, (U32 Addr, U32 ImplFlags))                                         \
+  X(int, TARVIKARM_ClrBPEx, (U32 Handle))                                                      \
+  X(int, TARVIKARM_GetBPInfoEx, (int Index, TARVIK_BP_INFO* pInfo))                            \
+  X(int, TARVIKARM_SetDataEvent, (TARVIK_DATA_EVENT * pEvent, U32 * pHandle))                  \
+  X(int, TARVIKARM_ClrDataEvent, (U32 Handle))                                                 \
+  X(int, TARVIKARM_GetWPInfoEx, (int Index, TARVIK_WP_INFO* pInfo))                            \
+  /* Registers */                                                                              \
+  X(U32, TARVIKARM_ReadReg, (U32 Index))                                                       \
+  X(int, TARVIKARM_ReadRegs, (const U32* paIndex, U32* paData, U8* paStatus, U32 Cnt))         \
+  X(U8, TARVIKARM_WriteReg, (U32 Index, U32 Value))                                            \
+  X(int, TARVIKARM_CP15_ReadEx, (U8 CRn, U8 CRm, U8 Op1, U8 Op2, U32 * pOut))                  \
+  X(int, TARVIKARM_CP15_WriteEx, (U8 CRn, U8 CRm, U8 Op1, U8 Op2, U32 Value))                  \
+  /* Memory */                                                                                 \
+  X(int, TARVIKARM_ReadMemEx, (U32 Addr, U32 NumBytes, void* pData, U32 AccessWidth))          \
+  X(int, TARVIKARM_ReadMemHW, (U32 Addr, U32 NumBytes, void* pData))                           \
+  X(int, TARVIKARM_ReadMem, (U32 Addr, U32 NumBytes, void* pData))                             \
+  X(int, TARVIKARM_ReadMemU8, (U32 Addr, U32 Cnt, U8 * pData, U8 * pStatus))                   \
+  X(int, TARVIKARM_ReadMemU16, (U32 Addr, U32 Cnt, U16 * pData, U8 * pStatus))                 \
+  X(int, TARVIKARM_ReadMemU32, (U32 Addr, U32 Cnt, U32 * pData, U8 * pStatus))                 \
+  X(int, TARVIKARM_ReadMemU64, (U32 Addr, U32 Cnt, U64 * pData, U8 * pStatus))                 \
+  X(int, TARVIKARM_WriteMemEx, (U32 Addr, U32 NumBytes, const void* pData, U32 AccessWidth))   \
+  X(int, TARVIKARM_WriteMem, (U32 Addr, U32 NumBytes, const void* pData))                      \
+  X(int, TARVIKARM_WriteU8, (U32 Addr, U8 Data))                                               \
+  X(int, TARVIKARM_WriteU16, (U32 Addr, U16 Data))                                             \
+  X(int, TARVIKARM_WriteU32, (U32 Addr, U32 Data))                                             \
+  X(int, TARVIKARM_WriteU64, (U32 Addr, U64 Data))                                             \
+  X(void, TARVIKARM_BeginDownload, (U32 Flags))                                                \
+  X(int, TARVIKARM_EndDownload, (void))                                                        \
+  /* Disassembly */                                                                            \
+  X(int, TARVIKARM_DisassembleInstEx,                                                          \
+    (char* sOut, U32 BufferSize, U32 Addr, const TARVIK_DISASS_INFO* pInfo))                   \
+  /* Target data streams */                                                                    \
+  X(int, TARVIK_MCTERMINAL_Control, (U32 Cmd, void* p))                                        \
+  X(int, TARVIK_MCTERMINAL_Read, (U32 BuffIdx, void* pData, U32 NumBytes))                     \
+  X(int, TARVIK_MCTERMINAL_Write, (U32 BuffIdx, const void* pData, U32 NumBytes))              \
+  X(int, TARVIK_HSS_Start, (TARVIK_HSS_BLOCK * paBlock, int Cnt, int Interval_us, int Flags))  \
+  X(int, TARVIK_HSS_Stop, (void))                                                              \
+  X(int, TARVIK_HSS_Read, (void* pData, U32 NumBytes))                                         \
+  X(void, TARVIK_STRACE_Config, (const char* sConfig))                                         \
+  X(int, TARVIK_STRACE_Start, (void))                                                          \
+  X(int, TARVIK_STRACE_Stop, (void))                                                           \
+  X(int, TARVIK_STRACE_Read, (U32 * paItems, U32 Cnt))                                         \
   X(int, TARVIK_STRACE_GetInstStats, (void* paBuf, U32 Addr, U32 Cnt, U32 ItemSize, U32 Type)) \
-  X(int, TARVIKARM_SWO_EnableTarget, (U32 CpuHz, U32 SWOHz, int Mode, U32 PortMask))       \
-  X(int, TARVIKARM_SWO_DisableTarget, (U32 PortMask))                                      \
-  X(int, TARVIKARM_SWO_Control, (U32 Cmd, void* p))                                        \
-  X(U32, TARVIKARM_SWO_ReadStimulus, (U32 Port, void* pData, U32 NumBytes))                \
-  X(int, TARVIKARM_SWO_GetCompatibleSpeeds, (U32 CpuHz, U32 MaxSWOHz, U32* paSpeeds, U32 Cnt))
+  X(int, TARVIKARM_SWO_EnableTarget, (U32 CpuHz, U32 SWOHz, int Mode, U32 PortMask))           \
+  X(int, TARVIKARM_SWO_DisableTarget, (U32 PortMask))                                          \
+  X(int, TARVIKARM_SWO_Control, (U32 Cmd, void* p))                                            \
+  X(U32, TARVIKARM_SWO_ReadStimulus, (U32 Port, void* pData, U32 NumBytes))                    \
+  X(int, TARVIKARM_SWO_GetCompatibleSpeeds, (U32 CpuHz, U32 MaxSWOHz, U32 * paSpeeds, U32 Cnt))
 
 // The table. A member may be null only in a test's mock; the real layer fills every one.
 struct TARVIK_API {

@@ -1,0 +1,1107 @@
+// The simulated target. Threading: the emulator runs on the target's own thread in slices, each under
+// the layer's mutex, so every probe operation sees the target between two slices. A running target
+// is stopped by setting state that the per-instruction code hook honours (uc_emu_stop is only ever
+// called from inside the emulation; from another thread it corrupts the emulator state in 2.0.1).
+#include "device/probe/SimTarget.h"
+
+#include <unicorn/unicorn.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cstring>
+
+namespace {
+
+constexpr U64 kSliceInstructions = 100000;
+constexpr U32 kTraceCapacity = 1u << 20;  // executed addresses kept, a power of two
+constexpr U32 kTraceGapMarker = 0xFFFFFFF0u;
+constexpr U32 kFlashHalfwords = SIM_FLASH_SIZE / 2;
+constexpr U32 kCounterSlots = (SIM_FLASH_SIZE + SIM_RAM_SIZE) / 2;
+
+// Emulator interrupt numbers (the instruction set's exception kinds).
+enum : U32 {
+  UC_INTR_UDEF = 1,
+  UC_INTR_SWI = 2,
+  UC_INTR_PREFETCH_ABORT = 3,
+  UC_INTR_DATA_ABORT = 4,
+  UC_INTR_BKPT = 7,
+  UC_INTR_EXCEPTION_EXIT = 8,
+};
+
+const int kUcRegs[PROBE_NUM_REGS] = {
+    UC_ARM_REG_R0,      UC_ARM_REG_R1,        UC_ARM_REG_R2,     UC_ARM_REG_R3,  UC_ARM_REG_R4,
+    UC_ARM_REG_R5,      UC_ARM_REG_R6,        UC_ARM_REG_R7,     UC_ARM_REG_R8,  UC_ARM_REG_R9,
+    UC_ARM_REG_R10,     UC_ARM_REG_R11,       UC_ARM_REG_R12,    UC_ARM_REG_SP,  UC_ARM_REG_LR,
+    UC_ARM_REG_PC,      UC_ARM_REG_XPSR,      UC_ARM_REG_MSP,    UC_ARM_REG_PSP, UC_ARM_REG_PRIMASK,
+    UC_ARM_REG_BASEPRI, UC_ARM_REG_FAULTMASK, UC_ARM_REG_CONTROL};
+
+// Slot of an address in the per-halfword tables: flash first, then RAM; -1 elsewhere.
+I64 _CounterSlot(U32 Addr) {
+  if (Addr < SIM_FLASH_ADDR + SIM_FLASH_SIZE) {
+    return (Addr - SIM_FLASH_ADDR) >> 1;
+  }
+  if (Addr >= SIM_RAM_ADDR && Addr - SIM_RAM_ADDR < SIM_RAM_SIZE) {
+    return kFlashHalfwords + ((Addr - SIM_RAM_ADDR) >> 1);
+  }
+  return -1;
+}
+
+bool _ConditionPassed(U32 Cond, U32 APSR) {
+  bool N = APSR & (1u << 31), Z = APSR & (1u << 30), C = APSR & (1u << 29), V = APSR & (1u << 28);
+  switch (Cond) {
+    case 0:
+      return Z;
+    case 1:
+      return !Z;
+    case 2:
+      return C;
+    case 3:
+      return !C;
+    case 4:
+      return N;
+    case 5:
+      return !N;
+    case 6:
+      return V;
+    case 7:
+      return !V;
+    case 8:
+      return C && !Z;
+    case 9:
+      return !C || Z;
+    case 10:
+      return N == V;
+    case 11:
+      return N != V;
+    case 12:
+      return !Z && N == V;
+    case 13:
+      return Z || N != V;
+    default:
+      return true;
+  }
+}
+
+// What the counters need to know of an instruction, cached per halfword: bits 0..3 the kind
+// (1 plain, 2 IT, 3 conditional branch), bits 4..7 the condition, bits 8..11 the IT mask.
+enum : U16 { KIND_PLAIN = 1, KIND_IT = 2, KIND_COND_BRANCH = 3 };
+
+}  // namespace
+
+// The emulator's callbacks.
+struct SIM_HOOKS {
+  static void OnCode(uc_engine* pUc, uint64_t Addr, uint32_t Size, void* pUser) {
+    CSimTarget& S = *static_cast<CSimTarget*>(pUser);
+    U32 a = U32(Addr);
+    if (S._FirstInstruction) {
+      S._FirstInstruction = false;
+      bool Skip = S._SkipBreakpointAt && a == S._SkipAddr;
+      S._SkipBreakpointAt = false;
+      if (!Skip && S._IsBreakpoint(a)) {
+        S._StopEmulation(CSimTarget::STOP_BREAKPOINT);
+        return;
+      }
+    } else {
+      if (S._WatchHit) {
+        S._WatchHit = false;
+        S._StopEmulation(CSimTarget::STOP_WATCH);
+        return;
+      }
+      if (S._StepMode) {
+        S._StopEmulation(CSimTarget::STOP_STEP_DONE);
+        return;
+      }
+      if ((S._aBreakpointMap[(a >> 4) & 0x1FFF] & (1u << ((a >> 1) & 7))) && S._IsBreakpoint(a)) {
+        S._StopEmulation(CSimTarget::STOP_BREAKPOINT);
+        return;
+      }
+    }
+    if (S._ResetRequested) {
+      S._StopEmulation(CSimTarget::STOP_RESET_REQUEST);
+      return;
+    }
+    if (S._Cycles >= S._NextEventCycle) {
+      if (S._Cycles >= S._SliceEnd && !S._StepMode) {
+        S._StopEmulation(CSimTarget::STOP_SLICE);
+        return;
+      }
+      S._OnTimeEvents();
+    }
+    if (S._CheckPending && S._CanTakePending()) {
+      S._StopEmulation(CSimTarget::STOP_EXCEPTION);
+      return;
+    }
+    S._Cycles++;
+    if (S._TraceOn) {
+      S._CountInstruction(a);
+    }
+  }
+
+  static void OnInterrupt(uc_engine* pUc, uint32_t IntNo, void* pUser) {
+    CSimTarget& S = *static_cast<CSimTarget*>(pUser);
+    S._InterruptNo = IntNo;
+    S._StopEmulation(CSimTarget::STOP_INTERRUPT);
+  }
+
+  static void OnMemAccess(uc_engine* pUc, uc_mem_type Type, uint64_t Addr, int Size, int64_t Value,
+                          void* pUser) {
+    CSimTarget& S = *static_cast<CSimTarget*>(pUser);
+    bool IsWrite = Type == UC_MEM_WRITE;
+    U32 a = U32(Addr);
+    for (const PROBE_WATCH& W : S._aWatches) {
+      U32 Lo = W.Addr & ~W.AddrMask;
+      U32 Hi = Lo | W.AddrMask;  // inclusive
+      if (a > Hi || a + U32(Size) - 1 < Lo) {
+        continue;
+      }
+      if (!(W.AccessMask & 1) && (W.Access & 1) != (IsWrite ? 1 : 0)) {
+        continue;
+      }
+      U32 WantedSize = (W.Access & 6) == 0 ? 1 : (W.Access & 6);
+      if (!(W.AccessMask & 6) && U32(Size) != WantedSize) {
+        continue;
+      }
+      if (W.DataMask != 0xFFFFFFFFu && ((U32(Value) ^ W.Data) & ~W.DataMask) != 0) {
+        continue;
+      }
+      S._WatchHit = true;  // the stop comes before the next instruction: after the access
+    }
+  }
+
+  static bool OnInvalidMem(uc_engine* pUc, uc_mem_type Type, uint64_t Addr, int Size, int64_t Value,
+                           void* pUser) {
+    CSimTarget& S = *static_cast<CSimTarget*>(pUser);
+    S._FaultAddr = U32(Addr);
+    return false;
+  }
+
+  static uint64_t OnPPBRead(uc_engine* pUc, uint64_t Offset, unsigned Size, void* pUser) {
+    return static_cast<CSimTarget*>(pUser)->_pSystem->Read(U32(Offset), Size, false);
+  }
+
+  static void OnPPBWrite(uc_engine* pUc, uint64_t Offset, unsigned Size, uint64_t Value, void* pUser) {
+    static_cast<CSimTarget*>(pUser)->_pSystem->Write(U32(Offset), Size, U32(Value), false);
+  }
+};
+
+// ---- Devices ----
+
+namespace {
+
+CProbeBackend* _GetSimTarget(const PROBE_DEVICE& Device) {
+  static CSimTarget* apTargets[3] = {};
+  int i = Device.Core == PROBE_CORE_CORTEX_M0 ? 0 : (Device.Core == PROBE_CORE_CORTEX_M3 ? 1 : 2);
+  if (!apTargets[i]) {
+    // Kept for the whole process: the target's state outlives Close, like a board on the bench.
+    static const U32 aClock[3] = {48000000, 72000000, 168000000};
+    apTargets[i] = new CSimTarget(Device.Core, aClock[i]);
+  }
+  return apTargets[i];
+}
+
+}  // namespace
+
+void SIM_AddDevices() {
+  const struct {
+    const char* sName;
+    U32 Core;
+  } aDevices[] = {{"Simulator Cortex-M0", PROBE_CORE_CORTEX_M0},
+                  {"Simulator Cortex-M3", PROBE_CORE_CORTEX_M3},
+                  {"Simulator Cortex-M4", PROBE_CORE_CORTEX_M4}};
+  for (const auto& D : aDevices) {
+    PROBE_AddDevice(
+        {D.sName, D.Core, SIM_FLASH_ADDR, SIM_FLASH_SIZE, SIM_RAM_ADDR, SIM_RAM_SIZE, _GetSimTarget});
+  }
+}
+
+// ---- Life cycle ----
+
+CSimTarget::CSimTarget(U32 Core, U32 ClockHz) : _Core(Core), _ClockHz(ClockHz) {
+  bool IsM0 = Core == PROBE_CORE_CORTEX_M0;
+  _NumBPUnits = IsM0 ? 4 : 6;
+  _NumWPUnits = IsM0 ? 2 : 4;
+  U32 CpuId = IsM0 ? 0x410CC200u : (Core == PROBE_CORE_CORTEX_M3 ? 0x412FC231u : 0x410FC241u);
+  _pSystem.reset(new CSimSystem(static_cast<ISimSystemHost*>(this), CpuId, IsM0 ? 2 : 4, !IsM0));
+  _aBreakpointMap.assign(0x2000, 0);
+  _aTrace.assign(kTraceCapacity, 0);
+  if (uc_open(UC_ARCH_ARM, uc_mode(UC_MODE_THUMB | UC_MODE_MCLASS), &_pUc) != UC_ERR_OK) {
+    _pUc = nullptr;
+    return;
+  }
+  uc_ctl_set_cpu_model(_pUc,
+                       IsM0 ? UC_CPU_ARM_CORTEX_M0
+                            : (Core == PROBE_CORE_CORTEX_M3 ? UC_CPU_ARM_CORTEX_M3 : UC_CPU_ARM_CORTEX_M4));
+  uc_mem_map(_pUc, SIM_FLASH_ADDR, SIM_FLASH_SIZE, UC_PROT_READ | UC_PROT_EXEC);
+  uc_mem_map(_pUc, SIM_RAM_ADDR, SIM_RAM_SIZE, UC_PROT_ALL);
+  uc_mmio_map(_pUc, SIM_PPB_BASE, SIM_PPB_SIZE, SIM_HOOKS::OnPPBRead, this, SIM_HOOKS::OnPPBWrite, this);
+  uc_hook h;
+  uc_hook_add(_pUc, &h, UC_HOOK_CODE, reinterpret_cast<void*>(SIM_HOOKS::OnCode), this, 1, 0);
+  uc_hook_add(_pUc, &h, UC_HOOK_INTR, reinterpret_cast<void*>(SIM_HOOKS::OnInterrupt), this, 1, 0);
+  uc_hook_add(_pUc, &h, UC_HOOK_MEM_INVALID, reinterpret_cast<void*>(SIM_HOOKS::OnInvalidMem), this, 1, 0);
+  _CoreReset();
+  _SetHalted(PROBE_HALT_REQUEST);
+  _Thread = std::thread([this] { _ThreadMain(); });
+}
+
+CSimTarget::~CSimTarget() {
+  {
+    std::lock_guard<std::recursive_mutex> Lock(PROBE_GetMutex());
+    _Quit = true;
+    _WakeUp.notify_all();
+  }
+  if (_Thread.joinable()) {
+    _Thread.join();
+  }
+  if (_pUc) {
+    uc_close(_pUc);
+  }
+}
+
+int CSimTarget::Open(PROBE_STREAMS* pStreams, std::string& sError) {
+  if (!_pUc) {
+    sError = "the instruction emulator could not be started";
+    return -1;
+  }
+  _pStreams = pStreams;
+  return 0;
+}
+
+void CSimTarget::Close() {
+  _Connected = false;
+  _pSystem->DebuggerConnected = false;
+  _pSystem->SetSWOEnabled(false, 0xFFFFFFFFu);
+  _SWOEnabled = false;
+  _HSSOn = false;
+  _TraceOn = false;
+}
+
+int CSimTarget::Connect(std::string& sError) {
+  _FaultConnLost = false;
+  _Connected = true;
+  _pSystem->DebuggerConnected = true;
+  return 0;
+}
+
+bool CSimTarget::IsConnected() {
+  return _Connected && !_FaultConnLost;
+}
+
+// ---- The emulation thread ----
+
+void CSimTarget::_ThreadMain() {
+  std::unique_lock<std::recursive_mutex> Lock(PROBE_GetMutex());
+  while (!_Quit) {
+    if (!_Running) {
+      _WakeUp.wait(Lock);
+      continue;
+    }
+    _Run(kSliceInstructions, false);
+    if (_Running && _RealSpeed) {
+      // Hold simulated time to the nominal clock: wait until the wall clock has caught up.
+      auto Due = _RunStartTime + std::chrono::microseconds((_Cycles - _RunStartCycles) * 1000000 / _ClockHz);
+      _WakeUp.wait_until(Lock, Due);
+    }
+    // Let callers waiting for the lock in before the next slice.
+    Lock.unlock();
+    auto Deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(2);
+    while (PROBE_HasWaiters() && std::chrono::steady_clock::now() < Deadline) {
+      std::this_thread::yield();
+    }
+    Lock.lock();
+  }
+}
+
+void CSimTarget::_StopEmulation(STOP_REASON Reason) {
+  _StopReason = Reason;
+  uc_emu_stop(_pUc);
+}
+
+void CSimTarget::_UpdateNextEvent() {
+  _NextEventCycle =
+      std::min({_SliceEnd, _pSystem->GetNextSysTickEvent(), _HSSOn ? _NextHSSSample : CSimSystem::kNever});
+}
+
+void CSimTarget::_OnTimeEvents() {
+  if (_Cycles >= _pSystem->GetNextSysTickEvent()) {
+    _pSystem->OnSysTickEvent();
+  }
+  if (_HSSOn && _Cycles >= _NextHSSSample) {
+    _TakeHSSSample();
+    _NextHSSSample += _HSSInterval;
+  }
+  _UpdateNextEvent();
+}
+
+CSimTarget::RUN_RESULT CSimTarget::_Run(U64 MaxInsts, bool Step) {
+  _SliceEnd = _Cycles + MaxInsts;
+  _StepMode = Step;
+  _WatchHit = false;
+  _UpdateNextEvent();
+  for (;;) {
+    _StopReason = STOP_NONE;
+    _FirstInstruction = true;
+    U32 PC = _Reg(UC_ARM_REG_PC);
+    uc_err Err = uc_emu_start(_pUc, PC | 1, 0xFFFFFFFFu, 0, 0);
+    PC = _Reg(UC_ARM_REG_PC);
+    if (Err != UC_ERR_OK) {
+      char ac[160];
+      snprintf(ac, sizeof(ac), "%s at address 0x%08X", uc_strerror(Err), _FaultAddr);
+      bool Precise = Err == UC_ERR_READ_UNMAPPED || Err == UC_ERR_WRITE_UNMAPPED || Err == UC_ERR_WRITE_PROT;
+      if (Precise || Err == UC_ERR_FETCH_UNMAPPED || Err == UC_ERR_FETCH_PROT) {
+        _pSystem->RecordBusFault(_FaultAddr, Precise);
+      }
+      if (!_RaiseHardFault(PC, ac)) {
+        return RUN_HALTED;
+      }
+    } else {
+      switch (_StopReason) {
+        case STOP_NONE:
+        case STOP_SLICE:
+          _StepMode = false;
+          return RUN_CONTINUE;
+        case STOP_STEP_DONE:
+          _StepMode = false;
+          _SetHalted(PROBE_HALT_STEP);
+          return RUN_HALTED;
+        case STOP_BREAKPOINT:
+          _SetHalted(PROBE_HALT_BREAKPOINT);
+          return RUN_HALTED;
+        case STOP_WATCH:
+          _SetHalted(PROBE_HALT_WATCHPOINT);
+          return RUN_HALTED;
+        case STOP_HALT_REQUEST:
+          _SetHalted(PROBE_HALT_REQUEST);
+          return RUN_HALTED;
+        case STOP_RESET_REQUEST:
+          _ResetRequested = false;
+          _CoreReset();
+          break;
+        case STOP_EXCEPTION:
+          if (!_EnterException(_pSystem->GetHighestPending(), PC)) {
+            return RUN_HALTED;
+          }
+          break;
+        case STOP_INTERRUPT:
+          if (_InterruptNo == UC_INTR_BKPT) {
+            _SetHalted(PROBE_HALT_BKPT_INST);
+            return RUN_HALTED;
+          }
+          if (_InterruptNo == UC_INTR_SWI) {
+            // SVC is synchronous: it must preempt at once, else it escalates to HardFault.
+            _pSystem->SetPending(SIM_EXC_SVCALL);
+            if (!_CanTakePending() || _pSystem->GetHighestPending() != SIM_EXC_SVCALL) {
+              if (!_RaiseHardFault(PC - 2, "SVC while its priority was masked")) {
+                return RUN_HALTED;
+              }
+            } else if (!_EnterException(SIM_EXC_SVCALL, PC)) {
+              return RUN_HALTED;
+            }
+          } else if (_InterruptNo == UC_INTR_EXCEPTION_EXIT) {
+            if (!_ReturnFromException(PC | 1)) {
+              return RUN_HALTED;
+            }
+          } else {
+            char ac[80];
+            snprintf(ac, sizeof(ac), _InterruptNo == UC_INTR_UDEF ? "undefined instruction" : "exception %u",
+                     _InterruptNo);
+            if (!_RaiseHardFault(PC, ac)) {
+              return RUN_HALTED;
+            }
+          }
+          break;
+      }
+    }
+    if (Step) {
+      // A step that ended in an exception entry or return stops at the new PC.
+      _StepMode = false;
+      _SetHalted(PROBE_HALT_STEP);
+      return RUN_HALTED;
+    }
+  }
+}
+
+// ---- Exceptions ----
+
+bool CSimTarget::_CanTakePending() {
+  U32 Exc = _pSystem->GetHighestPending();
+  if (Exc == 0) {
+    _CheckPending = false;
+    return false;
+  }
+  int Exec = _pSystem->GetActivePriority();
+  if (_Reg(UC_ARM_REG_PRIMASK) & 1) {
+    Exec = std::min(Exec, 0);
+  }
+  if (_Core != PROBE_CORE_CORTEX_M0) {
+    U32 BasePri = _Reg(UC_ARM_REG_BASEPRI) & _pSystem->GetPriorityMask();
+    if (BasePri) {
+      Exec = std::min(Exec, int(BasePri));
+    }
+    if (_Reg(UC_ARM_REG_FAULTMASK) & 1) {
+      Exec = std::min(Exec, -1);
+    }
+  }
+  // Stays set while an exception waits, so the hook re-checks after PRIMASK or BASEPRI change.
+  return _pSystem->GetPriority(Exc) < Exec;
+}
+
+U32 CSimTarget::GetActiveException() {
+  return _Reg(UC_ARM_REG_XPSR) & 0x1FF;
+}
+
+bool CSimTarget::_EnterException(U32 Exception, U32 ReturnAddr) {
+  U32 XPSR = _Reg(UC_ARM_REG_XPSR);
+  U32 Control = _Reg(UC_ARM_REG_CONTROL);
+  U32 MSP = _Reg(UC_ARM_REG_MSP), PSP = _Reg(UC_ARM_REG_PSP);
+  bool Handler = (XPSR & 0x1FF) != 0;
+  bool OnPSP = !Handler && (Control & 2);
+  U32 SP = OnPSP ? PSP : MSP;
+  U32 Align = SP & 4;
+  SP = (SP - Align) - 32;
+  U32 aFrame[8] = {_Reg(UC_ARM_REG_R0), _Reg(UC_ARM_REG_R1),           _Reg(UC_ARM_REG_R2),
+                   _Reg(UC_ARM_REG_R3), _Reg(UC_ARM_REG_R12),          _Reg(UC_ARM_REG_LR),
+                   ReturnAddr & ~1u,    XPSR | (Align ? (1u << 9) : 0)};
+  U32 Handler_ = 0;
+  if (uc_mem_write(_pUc, SP, aFrame, sizeof(aFrame)) != UC_ERR_OK) {
+    PROBE_PostWarning("Exception %u: stack frame at 0x%08X can't be written; target halted", Exception, SP);
+    _SetHalted(PROBE_HALT_FAULT);
+    return false;
+  }
+  if (uc_mem_read(_pUc, _pSystem->GetVTOR() + 4 * Exception, &Handler_, 4) != UC_ERR_OK || Handler_ == 0) {
+    PROBE_PostWarning("Exception %u at 0x%08X: the program has no handler (vector 0x%08X); target halted",
+                      Exception, ReturnAddr, Handler_);
+    _SetHalted(PROBE_HALT_FAULT);
+    return false;
+  }
+  (OnPSP ? PSP : MSP) = SP;
+  U32 ExcReturn = Handler ? 0xFFFFFFF1u : (OnPSP ? 0xFFFFFFFDu : 0xFFFFFFF9u);
+  // Mode first, then both stack pointers: the emulator files SP by the mode in force.
+  _SetReg(UC_ARM_REG_CONTROL, Control & ~2u);
+  _SetReg(UC_ARM_REG_XPSR, (XPSR & 0xF0000000u) | (1u << 24) | Exception);
+  _SetReg(UC_ARM_REG_MSP, MSP);
+  _SetReg(UC_ARM_REG_PSP, PSP);
+  _SetReg(UC_ARM_REG_LR, ExcReturn);
+  _SetReg(UC_ARM_REG_PC, Handler_ & ~1u);
+  _pSystem->SetActive(Exception, true);
+  _CheckPending = _pSystem->AnyPending();
+  return true;
+}
+
+bool CSimTarget::_ReturnFromException(U32 ExcReturn) {
+  U32 XPSR = _Reg(UC_ARM_REG_XPSR);
+  U32 Exception = XPSR & 0x1FF;
+  if (Exception == 0 || (ExcReturn & 0xF) == 0 ||
+      ((ExcReturn & 0xF) != 1 && (ExcReturn & 0xF) != 9 && (ExcReturn & 0xF) != 0xD)) {
+    return _RaiseHardFault(_Reg(UC_ARM_REG_LR), "invalid exception return");
+  }
+  _pSystem->SetActive(Exception, false);
+  bool ToThread = (ExcReturn & 8) != 0;
+  bool ToPSP = (ExcReturn & 4) != 0;
+  U32 MSP = _Reg(UC_ARM_REG_MSP), PSP = _Reg(UC_ARM_REG_PSP);
+  U32 SP = ToPSP ? PSP : MSP;
+  U32 aFrame[8];
+  if (uc_mem_read(_pUc, SP, aFrame, sizeof(aFrame)) != UC_ERR_OK) {
+    return _RaiseHardFault(0xFFFFFFFFu, "exception return frame can't be read");
+  }
+  SP += 32 + ((aFrame[7] & (1u << 9)) ? 4 : 0);
+  (ToPSP ? PSP : MSP) = SP;
+  U32 NewXPSR = aFrame[7] & ~(1u << 9);
+  if (!ToThread && (NewXPSR & 0x1FF) == 0) {
+    NewXPSR |= 3;  // a return to handler mode with a thread frame: keep it in handler mode
+  }
+  if (ToThread) {
+    NewXPSR &= ~0x1FFu;
+  }
+  _SetReg(UC_ARM_REG_XPSR, NewXPSR | (1u << 24));
+  U32 Control = _Reg(UC_ARM_REG_CONTROL);
+  _SetReg(UC_ARM_REG_CONTROL, ToThread && ToPSP ? (Control | 2u) : (Control & ~2u));
+  _SetReg(UC_ARM_REG_MSP, MSP);
+  _SetReg(UC_ARM_REG_PSP, PSP);
+  _SetReg(UC_ARM_REG_R0, aFrame[0]);
+  _SetReg(UC_ARM_REG_R1, aFrame[1]);
+  _SetReg(UC_ARM_REG_R2, aFrame[2]);
+  _SetReg(UC_ARM_REG_R3, aFrame[3]);
+  _SetReg(UC_ARM_REG_R12, aFrame[4]);
+  _SetReg(UC_ARM_REG_LR, aFrame[5]);
+  _SetReg(UC_ARM_REG_PC, aFrame[6] & ~1u);
+  _ITLeft = 0;
+  _CheckPending = _pSystem->AnyPending();
+  return true;
+}
+
+bool CSimTarget::_RaiseHardFault(U32 PC, const char* sWhy) {
+  if (_pSystem->IsActive(SIM_EXC_HARDFAULT)) {
+    PROBE_PostWarning("HardFault at 0x%08X inside the HardFault handler (%s): target locked up and halted",
+                      PC, sWhy);
+    _SetHalted(PROBE_HALT_FAULT);
+    return false;
+  }
+  U32 Handler = 0;
+  uc_mem_read(_pUc, _pSystem->GetVTOR() + 4 * SIM_EXC_HARDFAULT, &Handler, 4);
+  if (Handler == 0) {
+    PROBE_PostWarning("HardFault at 0x%08X (%s): the program has no HardFault handler; target halted", PC,
+                      sWhy);
+    _SetHalted(PROBE_HALT_FAULT);
+    return false;
+  }
+  _pSystem->RecordForcedHardFault();
+  return _EnterException(SIM_EXC_HARDFAULT, PC);
+}
+
+void CSimTarget::_CoreReset() {
+  _pSystem->Reset();
+  U32 aVector[2] = {0, 0};
+  uc_mem_read(_pUc, SIM_FLASH_ADDR, aVector, sizeof(aVector));
+  _SetReg(UC_ARM_REG_XPSR, 1u << 24);
+  _SetReg(UC_ARM_REG_CONTROL, 0);
+  _SetReg(UC_ARM_REG_MSP, aVector[0] & ~3u);
+  _SetReg(UC_ARM_REG_PSP, 0);
+  for (int r = UC_ARM_REG_R0; r <= UC_ARM_REG_R12; r++) {
+    _SetReg(r, 0);
+  }
+  _SetReg(UC_ARM_REG_LR, 0xFFFFFFFFu);
+  _SetReg(UC_ARM_REG_PRIMASK, 0);
+  if (_Core != PROBE_CORE_CORTEX_M0) {
+    _SetReg(UC_ARM_REG_BASEPRI, 0);
+    _SetReg(UC_ARM_REG_FAULTMASK, 0);
+  }
+  _SetReg(UC_ARM_REG_PC, aVector[1] & ~1u);
+  _ITLeft = 0;
+  _CheckPending = false;
+  _WatchHit = false;
+  _UpdateNextEvent();
+}
+
+void CSimTarget::OnSystemResetRequest() {
+  _ResetRequested = true;
+}
+
+void CSimTarget::OnDebugHaltRequest(bool HaltNow) {
+  if (HaltNow) {
+    Halt();
+  } else if (!_Running) {
+    Go(false);
+  }
+}
+
+void CSimTarget::OnStimulusWrite(U32 Port, U32 Value, U32 Size) {
+  if (!_pStreams || Port >= U32(PROBE_STREAMS::kNumStimulusPorts)) {
+    return;
+  }
+  U8 ac[5] = {};
+  Size = std::min<U32>(Size, 4);
+  for (U32 i = 0; i < Size; i++) {
+    ac[1 + i] = U8(Value >> (8 * i));
+  }
+  _pStreams->aStimulus[Port].Push(ac + 1, Size);
+  // The same data as an ITM instrumentation packet: header with port and size code, then payload.
+  ac[0] = U8((Port << 3) | (Size == 1 ? 1 : (Size == 2 ? 2 : 3)));
+  _pStreams->RawSWO.Push(ac, Size + 1);
+}
+
+// ---- Run control ----
+
+void CSimTarget::_SetHalted(PROBE_HALT_REASON Reason) {
+  _Running = false;
+  _HaltReason = Reason;
+  _pSystem->IsHaltedForDebugger = true;
+}
+
+void CSimTarget::_SetRunning() {
+  if (_TraceOn && _TraceCount > 0) {
+    _aTrace[_TraceHead++ & (kTraceCapacity - 1)] = kTraceGapMarker;
+    _TraceCount = std::min<U64>(_TraceCount + 1, kTraceCapacity);
+  }
+  _Running = true;
+  _RunStartCycles = _Cycles;
+  _RunStartTime = std::chrono::steady_clock::now();
+  _pSystem->IsHaltedForDebugger = false;
+  _WakeUp.notify_all();
+}
+
+int CSimTarget::Halt() {
+  if (_FaultHaltTimeout) {
+    _FaultHaltTimeout = false;
+    return -1;
+  }
+  if (_Running) {
+    _SetHalted(PROBE_HALT_REQUEST);
+  }
+  return 0;
+}
+
+int CSimTarget::IsHalted() {
+  if (_FaultConnLost) {
+    return -1;
+  }
+  return _Running ? 0 : 1;
+}
+
+int CSimTarget::Go(bool StepOverBreakpoint) {
+  if (_Running) {
+    return 0;
+  }
+  _SkipBreakpointAt = StepOverBreakpoint;
+  _SkipAddr = _Reg(UC_ARM_REG_PC);
+  _SetRunning();
+  return 0;
+}
+
+int CSimTarget::Step() {
+  if (_FaultStepFail) {
+    _FaultStepFail = false;
+    return -1;
+  }
+  if (_Running) {
+    return -1;
+  }
+  // A step executes the instruction at the PC even when a breakpoint sits on it.
+  _SkipBreakpointAt = true;
+  _SkipAddr = _Reg(UC_ARM_REG_PC);
+  _Run(1, true);
+  if (_Running) {
+    _SetHalted(PROBE_HALT_STEP);
+  }
+  return 0;
+}
+
+int CSimTarget::Reset(int Type) {
+  if (Type != 0) {
+    PROBE_Warn("Reset: reset type %d is not supported by the simulator, using type 0 (system reset)", Type);
+  }
+  _Running = false;
+  _CoreReset();
+  if (_FaultResetNoHalt) {
+    _FaultResetNoHalt = false;
+    _SetRunning();
+    return 0;
+  }
+  _SetHalted(PROBE_HALT_REQUEST);
+  return 0;
+}
+
+// ---- Registers and memory ----
+
+U32 CSimTarget::_Reg(int UcReg) {
+  U32 v = 0;
+  uc_reg_read(_pUc, UcReg, &v);
+  return v;
+}
+
+void CSimTarget::_SetReg(int UcReg, U32 Value) {
+  uc_reg_write(_pUc, UcReg, &Value);
+}
+
+int CSimTarget::ReadReg(U32 Index, U32* pValue) {
+  if (Index >= PROBE_NUM_REGS || !pValue) {
+    return -1;
+  }
+  if (_Core == PROBE_CORE_CORTEX_M0 && (Index == PROBE_REG_BASEPRI || Index == PROBE_REG_FAULTMASK)) {
+    return -1;
+  }
+  *pValue = _Reg(kUcRegs[Index]);
+  return 0;
+}
+
+int CSimTarget::WriteReg(U32 Index, U32 Value) {
+  if (Index >= PROBE_NUM_REGS) {
+    return -1;
+  }
+  if (_Core == PROBE_CORE_CORTEX_M0 && (Index == PROBE_REG_BASEPRI || Index == PROBE_REG_FAULTMASK)) {
+    return -1;
+  }
+  if (Index == PROBE_REG_PC) {
+    Value &= ~1u;
+  }
+  _SetReg(kUcRegs[Index], Value);
+  if (Index == PROBE_REG_PRIMASK || Index == PROBE_REG_BASEPRI || Index == PROBE_REG_FAULTMASK ||
+      Index == PROBE_REG_XPSR) {
+    _CheckPending = _pSystem->AnyPending();
+  }
+  return 0;
+}
+
+int CSimTarget::ReadMem(U32 Addr, U32 NumBytes, U8* pData) {
+  U32 Done = 0;
+  while (Done < NumBytes) {
+    U32 a = Addr + Done;
+    if (a >= SIM_PPB_BASE && a - SIM_PPB_BASE < SIM_PPB_SIZE) {
+      U32 Off = a - SIM_PPB_BASE;
+      bool Word = (Off & 3) == 0 && NumBytes - Done >= 4;
+      U32 Size = Word ? 4 : 1;
+      U32 v = _pSystem->Read(Off, Size, true);
+      for (U32 i = 0; i < Size; i++) {
+        pData[Done + i] = U8(v >> (8 * i));
+      }
+      Done += Size;
+      continue;
+    }
+    U64 End;
+    if (a < SIM_FLASH_ADDR + SIM_FLASH_SIZE) {
+      End = SIM_FLASH_ADDR + SIM_FLASH_SIZE;
+    } else if (a >= SIM_RAM_ADDR && a - SIM_RAM_ADDR < SIM_RAM_SIZE) {
+      End = U64(SIM_RAM_ADDR) + SIM_RAM_SIZE;
+    } else {
+      break;  // no memory here
+    }
+    U32 n = U32(std::min<U64>(End - a, NumBytes - Done));
+    if (uc_mem_read(_pUc, a, pData + Done, n) != UC_ERR_OK) {
+      break;
+    }
+    Done += n;
+  }
+  return Done ? int(Done) : -1;
+}
+
+int CSimTarget::WriteMem(U32 Addr, U32 NumBytes, const U8* pData) {
+  U32 Done = 0;
+  while (Done < NumBytes) {
+    U32 a = Addr + Done;
+    if (a >= SIM_PPB_BASE && a - SIM_PPB_BASE < SIM_PPB_SIZE) {
+      U32 Off = a - SIM_PPB_BASE;
+      bool Word = (Off & 3) == 0 && NumBytes - Done >= 4;
+      U32 Size = Word ? 4 : 1;
+      U32 v = 0;
+      for (U32 i = 0; i < Size; i++) {
+        v |= U32(pData[Done + i]) << (8 * i);
+      }
+      _pSystem->Write(Off, Size, v, true);
+      Done += Size;
+      continue;
+    }
+    U64 End;
+    if (a < SIM_FLASH_ADDR + SIM_FLASH_SIZE) {
+      End = SIM_FLASH_ADDR + SIM_FLASH_SIZE;
+    } else if (a >= SIM_RAM_ADDR && a - SIM_RAM_ADDR < SIM_RAM_SIZE) {
+      End = U64(SIM_RAM_ADDR) + SIM_RAM_SIZE;
+    } else {
+      break;
+    }
+    U32 n = U32(std::min<U64>(End - a, NumBytes - Done));
+    if (uc_mem_write(_pUc, a, pData + Done, n) != UC_ERR_OK) {
+      break;
+    }
+    // Translations of code that already ran must go, or a new download would run the old code: the
+    // emulator drops them itself only for writable pages, and flash is mapped read-only.
+    uc_ctl_remove_cache(_pUc, a, U64(a) + n);
+    if (!_aInstKind.empty()) {
+      for (U32 i = 0; i < n; i += 2) {
+        I64 Slot = _CounterSlot(a + i);
+        if (Slot >= 0) {
+          _aInstKind[size_t(Slot)] = 0;
+        }
+      }
+    }
+    Done += n;
+  }
+  return Done ? int(Done) : -1;
+}
+
+// ---- Breakpoints ----
+
+bool CSimTarget::_IsBreakpoint(U32 Addr) const {
+  for (const auto& Bp : _aBreakpoints) {
+    if (Bp.first == Addr) {
+      return true;
+    }
+  }
+  return false;
+}
+
+int CSimTarget::SetBreakpoint(U32 Addr, bool Hardware) {
+  // Software breakpoints are not patched into memory: the code hook checks both kinds, so reads show
+  // the program's own bytes and flash needs no reprogramming.
+  Addr &= ~1u;
+  for (auto& Bp : _aBreakpoints) {
+    if (Bp.first == Addr) {
+      Bp.second++;
+      return 0;
+    }
+  }
+  _aBreakpoints.emplace_back(Addr, 1);
+  _aBreakpointMap[(Addr >> 4) & 0x1FFF] |= U8(1u << ((Addr >> 1) & 7));
+  return 0;
+}
+
+int CSimTarget::ClearBreakpoint(U32 Addr, bool Hardware) {
+  Addr &= ~1u;
+  for (size_t i = 0; i < _aBreakpoints.size(); i++) {
+    if (_aBreakpoints[i].first == Addr) {
+      if (--_aBreakpoints[i].second == 0) {
+        _aBreakpoints.erase(_aBreakpoints.begin() + long(i));
+      }
+      std::fill(_aBreakpointMap.begin(), _aBreakpointMap.end(), 0);
+      for (const auto& Bp : _aBreakpoints) {
+        _aBreakpointMap[(Bp.first >> 4) & 0x1FFF] |= U8(1u << ((Bp.first >> 1) & 7));
+      }
+      return 0;
+    }
+  }
+  return -1;
+}
+
+void CSimTarget::_UpdateMemHooks() {
+  // The memory hooks slow every access down, so they exist only while a data breakpoint does.
+  if (!_aWatches.empty() && _hMemHook == 0) {
+    uc_hook h;
+    if (uc_hook_add(_pUc, &h, UC_HOOK_MEM_WRITE | UC_HOOK_MEM_READ_AFTER,
+                    reinterpret_cast<void*>(SIM_HOOKS::OnMemAccess), this, 1, 0) == UC_ERR_OK) {
+      _hMemHook = h;
+      uc_ctl_flush_tlb(_pUc);
+    }
+  } else if (_aWatches.empty() && _hMemHook != 0) {
+    uc_hook_del(_pUc, _hMemHook);
+    _hMemHook = 0;
+    uc_ctl_flush_tlb(_pUc);
+  }
+}
+
+int CSimTarget::SetWatchpoint(const PROBE_WATCH& Watch) {
+  if (int(_aWatches.size()) >= _NumWPUnits) {
+    return -1;
+  }
+  _aWatches.push_back(Watch);
+  _UpdateMemHooks();
+  return 0;
+}
+
+int CSimTarget::ClearWatchpoint(const PROBE_WATCH& Watch) {
+  for (size_t i = 0; i < _aWatches.size(); i++) {
+    const PROBE_WATCH& W = _aWatches[i];
+    if (W.Addr == Watch.Addr && W.AddrMask == Watch.AddrMask && W.Data == Watch.Data &&
+        W.DataMask == Watch.DataMask && W.Access == Watch.Access && W.AccessMask == Watch.AccessMask) {
+      _aWatches.erase(_aWatches.begin() + long(i));
+      _UpdateMemHooks();
+      return 0;
+    }
+  }
+  return -1;
+}
+
+// ---- Commands ----
+
+int CSimTarget::ExecCommand(const std::string& sKey, const std::string& sValue, std::string& sOut) {
+  std::string Key = sKey, Value = sValue;
+  for (char& c : Key) {
+    c = char(tolower(U8(c)));
+  }
+  for (char& c : Value) {
+    c = char(tolower(U8(c)));
+  }
+  if (Key == "simfault") {
+    if (Value == "connlost") {
+      _FaultConnLost = true;
+    } else if (Value == "halttimeout") {
+      _FaultHaltTimeout = true;
+    } else if (Value == "resetnohalt") {
+      _FaultResetNoHalt = true;
+    } else if (Value == "stepfail") {
+      _FaultStepFail = true;
+    } else if (Value == "verifyerror") {
+      _FaultVerify = true;
+    } else if (Value == "eraseerror") {
+      _FaultErase = true;
+    } else if (Value == "none") {
+      _FaultConnLost = _FaultHaltTimeout = _FaultResetNoHalt = _FaultStepFail = _FaultVerify = _FaultErase =
+          false;
+    } else {
+      sOut = "SimFault: unknown fault \"" + sValue +
+             "\" (ConnLost, HaltTimeout, ResetNoHalt, StepFail, VerifyError, EraseError, None)";
+      return -1;
+    }
+    return 0;
+  }
+  if (Key == "simresume") {
+    return Go(true);
+  }
+  if (Key == "simbpunits" || Key == "simwpunits") {
+    char* pEnd = nullptr;
+    long n = strtol(sValue.c_str(), &pEnd, 10);
+    int Max = Key == "simbpunits" ? 16 : 8;
+    if (sValue.empty() || *pEnd || n < 0 || n > Max) {
+      sOut = sKey + ": \"" + sValue + "\" is not a unit count from 0 to " + std::to_string(Max);
+      return -1;
+    }
+    (Key == "simbpunits" ? _NumBPUnits : _NumWPUnits) = int(n);
+    return 0;
+  }
+  if (Key == "simspeed") {
+    if (Value != "max" && Value != "real") {
+      sOut = "SimSpeed: \"" + sValue + "\" is neither max nor real";
+      return -1;
+    }
+    _RealSpeed = Value == "real";
+    _RunStartCycles = _Cycles;
+    _RunStartTime = std::chrono::steady_clock::now();
+    return 0;
+  }
+  return 1;
+}
+
+int CSimTarget::EndDownload(std::string& sError) {
+  if (_FaultErase) {
+    _FaultErase = false;
+    sError = "erase error in flash sector at 0x00000000";
+    return -1;
+  }
+  if (_FaultVerify) {
+    _FaultVerify = false;
+    sError = "verify error at 0x00000000";
+    return -1;
+  }
+  return 0;
+}
+
+// ---- Streams ----
+
+int CSimTarget::EnableSWO(U32 CpuHz, U32 SWOHz, U32 PortMask) {
+  _SWOEnabled = true;
+  _pSystem->SetSWOEnabled(true, PortMask);
+  return 0;
+}
+
+int CSimTarget::DisableSWO(U32 PortMask) {
+  _pSystem->SetSWOEnabled(false, PortMask);
+  return 0;
+}
+
+int CSimTarget::StartTrace() {
+  if (_aFetch.empty()) {
+    _aFetch.assign(kCounterSlots, 0);
+    _aSkip.assign(kCounterSlots, 0);
+    _aInstKind.assign(kCounterSlots, 0);
+  } else {
+    std::fill(_aFetch.begin(), _aFetch.end(), 0);
+    std::fill(_aSkip.begin(), _aSkip.end(), 0);
+    std::fill(_aInstKind.begin(), _aInstKind.end(), 0);
+  }
+  _TotalFetch = _TotalSkip = 0;
+  _TraceHead = _TraceCount = 0;
+  _ITLeft = 0;
+  _TraceOn = true;
+  return 0;
+}
+
+int CSimTarget::StopTrace() {
+  _TraceOn = false;
+  return 0;
+}
+
+int CSimTarget::ReadTrace(U32* paItems, U32 Cnt) {
+  // Newest first. What is read is gone, and with it everything older: the next read starts where the
+  // program went on.
+  U32 n = U32(std::min<U64>(Cnt, _TraceCount));
+  for (U32 i = 0; i < n; i++) {
+    paItems[i] = _aTrace[(_TraceHead - 1 - i) & (kTraceCapacity - 1)];
+  }
+  _TraceCount = 0;
+  return int(n);
+}
+
+int CSimTarget::GetInstStats(U64* paOut, U32 Addr, U32 NumItems) {
+  if (_aFetch.empty()) {
+    std::fill(paOut, paOut + 2 * (size_t(NumItems) + 1), 0);
+    return 0;
+  }
+  for (U32 i = 0; i < NumItems; i++) {
+    I64 Slot = _CounterSlot(Addr + 2 * i);
+    paOut[i] = Slot >= 0 ? _aFetch[size_t(Slot)] : 0;
+    paOut[NumItems + 1 + i] = Slot >= 0 ? _aSkip[size_t(Slot)] : 0;
+  }
+  paOut[NumItems] = _TotalFetch;
+  paOut[2 * NumItems + 1] = _TotalSkip;
+  return 0;
+}
+
+void CSimTarget::_CountInstruction(U32 Addr) {
+  _aTrace[_TraceHead++ & (kTraceCapacity - 1)] = Addr;
+  if (_TraceCount < kTraceCapacity) {
+    _TraceCount++;
+  }
+  _TotalFetch++;
+  I64 Slot = _CounterSlot(Addr);
+  if (Slot < 0) {
+    return;
+  }
+  _aFetch[size_t(Slot)]++;
+  U8& Kind = _aInstKind[size_t(Slot)];
+  static_assert(sizeof(Kind) == 1);
+  if (Kind == 0) {
+    U8 ac[4] = {};
+    uc_mem_read(_pUc, Addr, ac, 4);
+    U16 H0 = U16(ac[0] | ac[1] << 8), H1 = U16(ac[2] | ac[3] << 8);
+    if ((H0 & 0xFF00) == 0xBF00 && (H0 & 0xF)) {
+      Kind = KIND_IT;
+    } else if ((H0 & 0xF000) == 0xD000 && ((H0 >> 8) & 0xF) < 0xE) {
+      Kind = U8(KIND_COND_BRANCH | (((H0 >> 8) & 0xF) << 4));
+    } else if ((H0 & 0xF800) == 0xF000 && (H1 & 0xD000) == 0x8000 && ((H0 >> 6) & 0xF) < 0xE) {
+      Kind = U8(KIND_COND_BRANCH | (((H0 >> 6) & 0xF) << 4));
+    } else {
+      Kind = KIND_PLAIN;
+    }
+  }
+  bool Skipped = false;
+  if (_ITLeft > 0) {
+    U32 Cond = _ITConds & 0xF;
+    _ITConds >>= 4;
+    _ITLeft--;
+    Skipped = !_ConditionPassed(Cond, _Reg(UC_ARM_REG_APSR));
+  } else if ((Kind & 0xF) == KIND_COND_BRANCH) {
+    Skipped = !_ConditionPassed(Kind >> 4, _Reg(UC_ARM_REG_APSR));
+  }
+  if ((Kind & 0xF) == KIND_IT) {
+    U8 ac[2] = {};
+    uc_mem_read(_pUc, Addr, ac, 2);
+    U32 Mask = ac[0] & 0xF, First = ac[0] >> 4;
+    U32 N = Mask & 1 ? 4 : (Mask & 2 ? 3 : (Mask & 4 ? 2 : 1));
+    _ITConds = First;
+    for (U32 k = 1; k < N; k++) {
+      _ITConds |= ((First & 0xE) | ((Mask >> (4 - k)) & 1)) << (4 * k);
+    }
+    _ITLeft = N;
+  }
+  if (Skipped) {
+    _aSkip[size_t(Slot)]++;
+    _TotalSkip++;
+  }
+}
+
+int CSimTarget::StartHSS(const std::vector<std::pair<U32, U32>>& aBlocks, int Interval_us) {
+  std::vector<U8> aProbe;
+  for (const auto& B : aBlocks) {
+    aProbe.resize(B.second);
+    if (ReadMem(B.first, B.second, aProbe.data()) != int(B.second)) {
+      PROBE_Error("HSS_Start: block at 0x%08X, %u bytes, is not readable memory", B.first, B.second);
+      return -1;
+    }
+  }
+  _aHSSBlocks = aBlocks;
+  _HSSInterval = std::max<U64>(1, U64(std::max(Interval_us, 1)) * _ClockHz / 1000000);
+  _NextHSSSample = _Cycles + _HSSInterval;
+  _HSSOn = true;
+  _UpdateNextEvent();
+  return 0;
+}
+
+int CSimTarget::StopHSS() {
+  _HSSOn = false;
+  _UpdateNextEvent();
+  return 0;
+}
+
+void CSimTarget::_TakeHSSSample() {
+  if (!_pStreams) {
+    return;
+  }
+  U32 Stamp = U32(_Cycles * 1000000 / _ClockHz);  // microseconds of simulated time
+  _aHSSSample.resize(4);
+  memcpy(_aHSSSample.data(), &Stamp, 4);
+  for (const auto& B : _aHSSBlocks) {
+    size_t Pos = _aHSSSample.size();
+    _aHSSSample.resize(Pos + B.second);
+    if (ReadMem(B.first, B.second, &_aHSSSample[Pos]) != int(B.second)) {
+      std::fill(_aHSSSample.begin() + long(Pos), _aHSSSample.end(), 0);
+    }
+  }
+  _pStreams->HSS.Push(_aHSSSample.data(), _aHSSSample.size());
+}
