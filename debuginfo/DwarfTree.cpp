@@ -1274,6 +1274,49 @@ static int _CreateTables(ELF_FILE* pFile) {
              : -1;
 }
 
+// The table headers of a DWARF 5 .debug_rnglists or .debug_loclists section. libdwarf 20210528
+// frees a table twice when one of these headers is bad, so a section with a bad header is not
+// handed to it at all: its lists are then missing, and the load goes on.
+static bool _AreListTablesSound(ELF_FILE* pFile, U32 Section) {
+  const U8* p = ELF_GetSectionBytes(pFile, Section);
+  U64 size = pFile->shdrs[Section].sh_size;
+  if (!p)
+    return true;
+  bool bigEndian = pFile->data[5] == 2;
+  auto read32 = [&](U64 at) {
+    U32 v;
+    memcpy(&v, p + at, 4);
+    return bigEndian ? (v >> 24) | ((v >> 8) & 0xFF00) | ((v << 8) & 0xFF0000) | (v << 24) : v;
+  };
+  auto read16 = [&](U64 at) {
+    return bigEndian ? (U16)(p[at] << 8 | p[at + 1]) : (U16)(p[at] | p[at + 1] << 8);
+  };
+  for (U64 at = 0; at < size;) {
+    const char* sProblem = nullptr;
+    U64 length = 0;
+    if (size - at < 12) {
+      sProblem = "table header cut short";
+    } else if ((length = read32(at)) >= 0xFFFFFFF0) {
+      sProblem = "64-bit or reserved table length";
+    } else if (length < 8 || length > size - at - 4) {
+      sProblem = "table length outside the section";
+    } else if (read16(at + 4) != 5) {
+      sProblem = "table version is not 5";
+    } else if (p[at + 6] != 4 || p[at + 7] != 0) {
+      sProblem = "address or segment size is not 4 and 0";
+    } else if ((U64)read32(at + 8) * 4 > length - 8) {
+      sProblem = "offset table larger than the table";
+    }
+    if (sProblem) {
+      ELF_Log(ELF_LOG_MESSAGE, "%s: %s at offset 0x%llX: %s; its lists are ignored.", pFile->sPath,
+              ELF_GetSectionName(pFile, Section), (unsigned long long)at, sProblem);
+      return false;
+    }
+    at += 4 + length;
+  }
+  return true;
+}
+
 // Hands libdwarf every section whose bytes lie inside the image; others look empty to it.
 static int _StartLibdwarf(ELF_FILE* pFile) {
   ELF_DWARF_STATE* s = _State(pFile);
@@ -1291,6 +1334,10 @@ static int _StartLibdwarf(ELF_FILE* pFile) {
     d->Info = sh->sh_info;
     d->EntSize = sh->sh_entsize;
     d->pData = const_cast<U8*>(ELF_GetSectionBytes(pFile, i));
+    if ((strcmp(d->sName, ".debug_rnglists") == 0 || strcmp(d->sName, ".debug_loclists") == 0) &&
+        !_AreListTablesSound(pFile, i)) {
+      d->pData = nullptr;
+    }
     d->Size = d->pData ? sh->sh_size : 0;
   }
   bool bigEndian = pFile->data[5] == 2;
