@@ -529,44 +529,13 @@ static ELF_FILE* _FailOpen(const char* sText, FILE* pDisk, ELF_FILE* pFile) {
   return nullptr;
 }
 
-ELF_FILE* ELF_Open(const char* sPath) {
-  _Busy = true;
-  if (_apFiles[ELF_MAX_FILES - 1])
-    return _FailOpen("maximum number of files already open.", nullptr, nullptr);
-  FILE* pDisk = sPath ? fopen(sPath, "rb") : nullptr;
-  if (!pDisk) {
-    ELF_Log(ELF_LOG_MESSAGE, "%s: cannot open.", sPath ? sPath : "(no file name)");
-    return _FailOpen("failed to open file.", nullptr, nullptr);
-  }
-  long size = -1;
-  if (fseek(pDisk, 0, SEEK_END) == 0)
-    size = ftell(pDisk);
-  if (size < 1 || (unsigned long)size > 0xFFFFFFFFul) {
-    ELF_Log(ELF_LOG_MESSAGE, "%s: size %ld.", sPath, size);
-    return _FailOpen("invalid file size detected. Could not parse file.", pDisk, nullptr);
-  }
-  fseek(pDisk, 0, SEEK_SET);
-  ELF_FILE* pFile = (ELF_FILE*)calloc(1, sizeof(ELF_FILE));
-  if (!pFile)
-    return _FailOpen("could not allocate file structure.", pDisk, nullptr);
-  snprintf(pFile->sPath, sizeof(pFile->sPath), "%s", sPath);
-  pFile->fileSize = (U32)size;
-  pFile->strtabIdx = ELF_INVALID_INDEX;
-  pFile->symtabIdx = ELF_INVALID_INDEX;
-  pFile->cfaOffsetFactor = 1;
-  pFile->data = (U8*)calloc(1, (size_t)size);
-  if (!pFile->data)
-    return _FailOpen("could not allocate file data buffer.", pDisk, pFile);
-  if (fread(pFile->data, 1, (size_t)size, pDisk) != (size_t)size) {
-    return _FailOpen("could not read file data.", pDisk, pFile);
-  }
-  if (size >= 4 && memcmp(pFile->data,
-                          "\x7F"
-                          "ELF",
-                          4) != 0)
+// Steps 8 to 14 of an open: register the file and parse its image.
+static ELF_FILE* _ParseImage(ELF_FILE* pFile) {
+  if (pFile->fileSize >= 4 && memcmp(pFile->data,
+                                     "\x7F"
+                                     "ELF",
+                                     4) != 0)
     ELF_Log(ELF_LOG_MESSAGE, "not an elf file.");
-  fclose(pDisk);
-
   for (int i = 0; i < ELF_MAX_FILES; i++) {
     if (!_apFiles[i])
       _apFiles[i] = pFile;
@@ -592,6 +561,62 @@ ELF_FILE* ELF_Open(const char* sPath) {
   _BuildSegmentTable(pFile);
   _ComputeSymAddrLimits(pFile);
   return pFile;
+}
+
+// A new file record with its image buffer, or null after logging the failing step.
+static ELF_FILE* _CreateFile(const char* sName, U32 Size, FILE* pDisk) {
+  ELF_FILE* pFile = (ELF_FILE*)calloc(1, sizeof(ELF_FILE));
+  if (!pFile)
+    return _FailOpen("could not allocate file structure.", pDisk, nullptr);
+  snprintf(pFile->sPath, sizeof(pFile->sPath), "%s", sName);
+  pFile->fileSize = Size;
+  pFile->strtabIdx = ELF_INVALID_INDEX;
+  pFile->symtabIdx = ELF_INVALID_INDEX;
+  pFile->cfaOffsetFactor = 1;
+  pFile->data = (U8*)calloc(1, Size);
+  if (!pFile->data)
+    return _FailOpen("could not allocate file data buffer.", pDisk, pFile);
+  return pFile;
+}
+
+ELF_FILE* ELF_Open(const char* sPath) {
+  _Busy = true;
+  if (_apFiles[ELF_MAX_FILES - 1])
+    return _FailOpen("maximum number of files already open.", nullptr, nullptr);
+  FILE* pDisk = sPath ? fopen(sPath, "rb") : nullptr;
+  if (!pDisk) {
+    ELF_Log(ELF_LOG_MESSAGE, "%s: cannot open.", sPath ? sPath : "(no file name)");
+    return _FailOpen("failed to open file.", nullptr, nullptr);
+  }
+  long size = -1;
+  if (fseek(pDisk, 0, SEEK_END) == 0)
+    size = ftell(pDisk);
+  if (size < 1 || (unsigned long)size > 0xFFFFFFFFul) {
+    ELF_Log(ELF_LOG_MESSAGE, "%s: size %ld.", sPath, size);
+    return _FailOpen("invalid file size detected. Could not parse file.", pDisk, nullptr);
+  }
+  fseek(pDisk, 0, SEEK_SET);
+  ELF_FILE* pFile = _CreateFile(sPath, (U32)size, pDisk);
+  if (!pFile)
+    return nullptr;
+  if (fread(pFile->data, 1, (size_t)size, pDisk) != (size_t)size) {
+    return _FailOpen("could not read file data.", pDisk, pFile);
+  }
+  fclose(pDisk);
+  return _ParseImage(pFile);
+}
+
+ELF_FILE* ELF_OpenImage(const void* pData, U32 Size, const char* sName) {
+  _Busy = true;
+  if (_apFiles[ELF_MAX_FILES - 1])
+    return _FailOpen("maximum number of files already open.", nullptr, nullptr);
+  if (Size < 1 || !pData)
+    return _FailOpen("invalid file size detected. Could not parse file.", nullptr, nullptr);
+  ELF_FILE* pFile = _CreateFile(sName ? sName : "(memory)", Size, nullptr);
+  if (!pFile)
+    return nullptr;
+  memcpy(pFile->data, pData, Size);
+  return _ParseImage(pFile);
 }
 
 void ELF_Close(ELF_FILE* pFile) {

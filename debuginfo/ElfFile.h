@@ -153,6 +153,9 @@ void ELF_TraceDieOffset(const char* sFunction, int CallSite, U64 DieOffset);
 
 // Lifetime. ELF_Open returns null on failure, with the reason in the log.
 ELF_FILE* ELF_Open(const char* sPath);
+// The same over a copy of bytes already in memory (a program read elsewhere, the fuzzer); sName
+// stands for the file name in messages.
+ELF_FILE* ELF_OpenImage(const void* pData, U32 Size, const char* sName);
 void ELF_Close(ELF_FILE* pFile);
 // The last file opened, or null.
 ELF_FILE* ELF_GetCurrentFile();

@@ -16,7 +16,7 @@
 
 namespace {
 
-const char* const kFixtures[] = {"c_O0", "c_O0_dw5", "c_O2", "c_O2_dw4", "cpp_O0"};
+const char* const kFixtures[] = {"c_O0", "c_O0_dw5", "c_O2", "c_O2_dw4", "cpp_O0", "c_be8", "c_be32"};
 
 std::vector<std::string> g_LogLines;
 
@@ -330,7 +330,7 @@ TEST_P(DwarfFixture, OpenLogsTheTimingLinesInOrder) {
       "25 File Size: ",
       "25 Dwarf Symbol Count: ",
       "25 ELF Symbol Count: ",
-      "25 Data Encoding: Little Endian",
+      "25 Data Encoding: ",
       "25 Source Language: ",
       "25 total init time: ",
       "25 Dwarf Version: ",
@@ -342,6 +342,10 @@ TEST_P(DwarfFixture, OpenLogsTheTimingLinesInOrder) {
   bool cpp = std::string(GetParam()).rfind("cpp", 0) == 0;
   EXPECT_EQ(g_LogLines[9], cpp ? "25 Source Language: C++" : "25 Source Language: C");
   EXPECT_EQ(g_LogLines[5], "25 File Size: " + std::to_string(m_pFile->fileSize));
+  std::string order = readelf::ParseByteOrder(GetParam());
+  EXPECT_EQ(g_LogLines[8], order == "little" ? "25 Data Encoding: Little Endian"
+                           : order == "be8"  ? "25 Data Encoding: ARM BE8 (Big Endian byte invariant)"
+                                             : "25 Data Encoding: ARM BE32 (Big Endian word invariant)");
 }
 
 INSTANTIATE_TEST_SUITE_P(Fixtures, DwarfFixture, ::testing::ValuesIn(kFixtures));
@@ -378,7 +382,8 @@ TEST_P(DwarfTypeText, GlobalsReadAsTheirDeclarations) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(CFixtures, DwarfTypeText, ::testing::Values("c_O0", "c_O0_dw5", "c_O2", "c_O2_dw4"));
+INSTANTIATE_TEST_SUITE_P(CFixtures, DwarfTypeText,
+                         ::testing::Values("c_O0", "c_O0_dw5", "c_O2", "c_O2_dw4", "c_be8", "c_be32"));
 
 TEST(DwarfBitField, MemberOffsetsComeFromDataBitOffset) {
   OpenFixture fixture("c_O0");

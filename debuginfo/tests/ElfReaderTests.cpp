@@ -11,7 +11,7 @@
 
 namespace {
 
-const char* const kFixtures[] = {"c_O0", "c_O0_dw5", "c_O2", "c_O2_dw4", "cpp_O0"};
+const char* const kFixtures[] = {"c_O0", "c_O0_dw5", "c_O2", "c_O2_dw4", "cpp_O0", "c_be8", "c_be32"};
 
 class ElfFixture : public ::testing::TestWithParam<const char*> {
  protected:
@@ -99,6 +99,10 @@ TEST_P(ElfFixture, SegmentsAndEntryPointMatchReadelf) {
   auto segments = readelf::ParseSegments(GetParam());
   ASSERT_EQ(ELF_GetProgramHeaderCount(m_pFile), segments.size());
   auto bytes = readelf::ReadBytes(readelf::FixturePath(std::string(GetParam()) + ".elf"));
+  // Word-invariant big-endian programs are read as big-endian words; byte-invariant ones keep their
+  // code little-endian, so their bytes are read as they lie, like those of little-endian programs.
+  std::string order = readelf::ParseByteOrder(GetParam());
+  bool swapped = order == "be32";
   for (U32 i = 0; i < segments.size(); i++) {
     const auto& s = segments[i];
     EXPECT_EQ(ELF_GetSegmentType(m_pFile, i), TypeCode(s.Type));
@@ -112,15 +116,19 @@ TEST_P(ElfFixture, SegmentsAndEntryPointMatchReadelf) {
     // Program bytes as a download or the disassembler reads them: little-endian words from the file.
     for (U32 off = 0; off + 4 <= s.FileSize; off += 0x10) {
       const U8* p = bytes.data() + s.Offset + off;
-      I64 expected = p[0] | (p[1] << 8) | (p[2] << 16) | ((I64)p[3] << 24);
-      EXPECT_EQ(ELF_ReadTargetMem(s.VirtAddr + off, 4), expected) << std::hex << s.VirtAddr + off;
-      EXPECT_EQ(ELF_ReadTargetMem(s.VirtAddr + off, 2), expected & 0xFFFF);
+      I64 little = p[0] | (p[1] << 8) | (p[2] << 16) | ((I64)p[3] << 24);
+      I64 big = ((I64)p[0] << 24) | (p[1] << 16) | (p[2] << 8) | p[3];
+      EXPECT_EQ(ELF_ReadTargetMem(s.VirtAddr + off, 4), swapped ? big : little)
+          << std::hex << s.VirtAddr + off;
+      EXPECT_EQ(ELF_ReadTargetMem(s.VirtAddr + off, 2), swapped ? (big >> 16) : (little & 0xFFFF));
     }
     EXPECT_EQ(ELF_ReadTargetMem(s.VirtAddr + s.FileSize - 2, 4), -1) << "a read across the segment end";
     EXPECT_EQ(ELF_GetTargetMemPtr(s.VirtAddr, s.VirtAddr + s.FileSize), pData);
   }
   EXPECT_EQ(ELF_GetEntryPoint(m_pFile), readelf::ParseEntryPoint(GetParam()) & ~1u);
-  EXPECT_EQ(ELF_GetDataEncoding(m_pFile), ELF_ENC_LITTLE);
+  EXPECT_EQ(ELF_GetDataEncoding(m_pFile), order == "little" ? ELF_ENC_LITTLE
+                                          : order == "be8"  ? ELF_ENC_ARM_BE8
+                                                            : ELF_ENC_ARM_BE32);
   EXPECT_EQ(ELF_ReadTargetMem(0x10000000, 4), -1);
   EXPECT_EQ(ELF_ReadTargetMem(0xFFFFFFFE, 4), -1);
   EXPECT_EQ(ELF_GetSegmentVirtAddr(m_pFile, 99), 0u);

@@ -83,6 +83,17 @@ uint32_t ParseEntryPoint(const std::string& sFixture) {
   return 0;
 }
 
+std::string ParseByteOrder(const std::string& sFixture) {
+  bool big = false, be8 = false;
+  for (const std::string& line : ReadLines(FixturePath(sFixture + ".header.txt"))) {
+    if (line.find("Data:") != std::string::npos && line.find("big endian") != std::string::npos)
+      big = true;
+    if (line.find("Flags:") != std::string::npos && line.find("BE8") != std::string::npos)
+      be8 = true;
+  }
+  return !big ? "little" : be8 ? "be8" : "be32";
+}
+
 std::vector<Symbol> ParseSymbols(const std::string& sFixture) {
   std::vector<Symbol> symbols;
   std::regex re(R"(^\s*(\d+): ([0-9a-f]{8})\s+(\d+) (\S+)\s+(\S+)\s+\S+\s+(\S+) ?(.*)$)");

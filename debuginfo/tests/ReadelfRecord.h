@@ -29,6 +29,8 @@ struct Segment {
 };
 std::vector<Segment> ParseSegments(const std::string& sFixture);
 uint32_t ParseEntryPoint(const std::string& sFixture);
+// "little", "be8" or "be32", from the header's data and flags lines.
+std::string ParseByteOrder(const std::string& sFixture);
 
 struct Symbol {
   unsigned Index;
