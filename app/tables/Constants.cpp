@@ -191,6 +191,22 @@ const SYS_CONSTANT* FindConstant(const QString& sText) {
   return nullptr;
 }
 
+const SYS_CONSTANT* FindConstantAmong(const QString& sText, const QList<I32>& Values) {
+  const QString s = _Unquote(sText);
+  if (s.isEmpty()) {
+    return nullptr;
+  }
+  for (const SYS_CONSTANT& Row : g_aConstants) {
+    if ((s.compare(QLatin1String(Row.sDisplay), Qt::CaseInsensitive) == 0 ||
+         s.compare(QLatin1String(Row.sName), Qt::CaseInsensitive) == 0) &&
+        Values.contains(Row.Value)) {
+      return &Row;
+    }
+  }
+  const SYS_CONSTANT* pAlias = FindConstant(s);
+  return pAlias && Values.contains(pAlias->Value) ? pAlias : nullptr;
+}
+
 I32 ConstantValue(const QString& sText) {
   if (const SYS_CONSTANT* pRow = FindConstant(sText)) {
     return pRow->Value;

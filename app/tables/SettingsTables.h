@@ -70,10 +70,10 @@ constexpr int kSysVarMaxLabel = 63;   // a selection label is cut to this many c
 
 struct SYS_VAR;
 
-// How a row's value reads and writes as text. ToText renders Value (the current value for the
-// caller's purposes; ignored by the text type, which renders its cell) into acText and returns 0, or
-// -1 with an explanatory text in acText. FromText parses, checks and writes pValue (and pStored with
-// Store); on failure nothing is written, it returns -1 and SysVarError() names the bad input.
+// How a row's value reads and writes as text. ToText renders Value into acText (the text type ignores
+// Value and renders its cell) and returns 0, or -1 with an explanatory text in acText. FromText parses,
+// checks and writes pValue (and pStored with Store); on failure nothing is written, it returns -1 and
+// SysVarError() names the bad input.
 struct SYS_VAR_TYPE {
   int (*ToText)(const SYS_VAR* pVar, I32 Value, char* acText, int Size);
   int (*FromText)(SYS_VAR* pVar, bool Store, const char* sText);
@@ -182,6 +182,9 @@ extern const SYS_CONSTANT g_aConstants[kNumConstants];
 // Surrounding double quotes removed, the text is compared with each row's display text, then each
 // row's name, ignoring case, in table order; lastly the alias RM_BREAK_AT_MAIN. Null if none.
 const SYS_CONSTANT* FindConstant(const QString& sText);
+// Like FindConstant, but the first matching row whose value is among Values: "DISABLED" names both a
+// breakpoint state (3) and the false constant (0), and a yes/no setting wants the latter.
+const SYS_CONSTANT* FindConstantAmong(const QString& sText, const QList<I32>& Values);
 // The value of that row, otherwise the base-0 conversion of the text, otherwise -1.
 I32 ConstantValue(const QString& sText);
 // The display text of the row the text finds; empty if none.

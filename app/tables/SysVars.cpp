@@ -501,11 +501,9 @@ I32 ConvertVarValue(const SYS_VAR* pVar, const QString& sText, bool* pOk) {
       return Values[i];
     }
   }
-  if (const SYS_CONSTANT* pConstant = FindConstant(s)) {
-    if (Values.contains(pConstant->Value)) {
-      Ok = true;
-      return pConstant->Value;
-    }
+  if (const SYS_CONSTANT* pConstant = FindConstantAmong(s, Values)) {
+    Ok = true;
+    return pConstant->Value;
   }
   I64 Value = 0;
   if (TextToInt64(s, &Value) && Value >= std::numeric_limits<I32>::min() &&
