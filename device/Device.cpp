@@ -73,9 +73,7 @@ void _AboutTo(U32 EventType) {
 CDevice* CDevice::Instance() {
   CDevice* p = _pInstance.load();
   if (p == nullptr) {
-    static std::unique_ptr<CDevice> Owned;
-    Owned = std::make_unique<CDevice>();
-    p = Owned.get();
+    p = new CDevice();  // lives until the process ends, like every singleton; its constructor registers it
   }
   return p;
 }
