@@ -1,10 +1,79 @@
-// Entry point of the zevra executable.
+// Entry point of the zevra executable: the start sequence, the event loop (or a batch run), and the
+// orderly end.
 #include <QApplication>
-#include <QMainWindow>
+#include <QDir>
+#include <QFont>
+#include <QStyleHints>
+#include <cstdio>
+#include <cstdlib>
+
+#include "app/AppInfo.h"
+#include "app/BatchMode.h"
+#include "app/MainWindow.h"
+#include "app/base/AppMode.h"
+#include "app/base/ConsoleCore.h"
+#include "app/base/Log.h"
+#include "app/tables/SettingsStore.h"
+#include "app/tables/SettingsTables.h"
+#include "device/DeviceDataProvider.h"
 
 int main(int argc, char** argv) {
+  const bool DebugMode = ScanDebugSwitch(argc, argv);
+  const BATCH_OPTIONS Batch = ParseBatchOptions(argc, argv);
+  if (Batch.Enabled && !Batch.sError.isEmpty()) {
+    fprintf(stderr, "%s\n", qPrintable(Batch.sError));
+    return BATCH_EXIT_NO_FILE;
+  }
+  if (Batch.Enabled && qgetenv("QT_QPA_PLATFORM").isEmpty()) {
+    qputenv("QT_QPA_PLATFORM", "offscreen");
+  }
+  SetBatchMode(Batch.Enabled);
+
   QApplication App(argc, argv);
-  QMainWindow Window;
-  Window.show();
-  return App.exec();
+  QApplication::setOrganizationName(kOrganisationName);
+  QApplication::setApplicationName(kApplicationName);
+  QApplication::styleHints()->setStartDragDistance(30);
+  // No Qt plug-in folder is searched from here on; the platform plug-in is already loaded.
+  QApplication::setLibraryPaths({});
+  RememberMainThread();
+
+  QFont DefaultFont = QApplication::font();
+  DefaultFont.setPointSize(8);
+  DefaultFont.setStyleName("Normal");
+  SetFont(0, DefaultFont, false);
+  QApplication::setFont(DefaultFont);
+
+  CLogSink& Log = GetLogSink();
+  Log.SetInterval(GetLogInterval());
+  if (const char* sLogFile = GetLogFileName()) {
+    Log.OpenFile(QString::fromLocal8Bit(sLogFile));
+  }
+  Log.SetDebugMode(DebugMode);
+  if (Batch.Enabled) {
+    // The console goes to stdout, one line per message, in order.
+    ConsoleSetMirror([](const QString& sText) {
+      QByteArray Line = sText.toUtf8();
+      Line.append('\n');
+      fwrite(Line.constData(), 1, size_t(Line.size()), stdout);
+      fflush(stdout);
+    });
+  }
+
+  CDeviceDataProvider::Instance();
+  int Result = 0;
+  {
+    CMainWindow* pMainWindow = new CMainWindow(Batch.Enabled);
+    InstallQtLogHandler();
+    if (Batch.Enabled) {
+      Result = RunBatch(Batch);
+    } else {
+      pMainWindow->show();
+      Result = App.exec();
+    }
+    delete pMainWindow;
+  }
+  SaveStore();
+  ConsoleSetMirror({});
+  Log.Flush();
+  return Result;
 }

@@ -73,9 +73,7 @@ void _AboutTo(U32 EventType) {
 CDevice* CDevice::Instance() {
   CDevice* p = _pInstance.load();
   if (p == nullptr) {
-    static std::unique_ptr<CDevice> Owned;
-    Owned = std::make_unique<CDevice>();
-    p = Owned.get();
+    p = new CDevice();  // lives until the process ends, like every singleton; its constructor registers it
   }
   return p;
 }
@@ -144,7 +142,7 @@ int CDevice::ScheduleJob(DEVICE_JOB* pJob) {
   DEVICE_JOB* pSlot;
   {
     QMutexLocker Lock(&_SubmitMutex);
-    pSlot = &Ring.aJob[Ring.Tail];
+    pSlot = &Ring.aJob[Ring.Tail % kJobRingSize];
     if (_LoadType(pSlot) != 0) {
       Lock.unlock();
       char ac[128];
@@ -153,7 +151,7 @@ int CDevice::ScheduleJob(DEVICE_JOB* pJob) {
       FreeJobData(pJob);
       return -1;
     }
-    Ring.Tail = (Ring.Tail + 1) % kJobRingSize;
+    Ring.Tail++;
   }
   U32 Type = pJob->Type;
   U32 Flags = pJob->Flags | JOB_FLAG_PENDING;
@@ -389,11 +387,12 @@ static bool _TypeMatches(U32 Wanted, U32 Type, int Queue) {
 DEVICE_JOB* CDevice::FindPendingJob(U32 Type, int* pQueue) {
   for (int q = 0; q < kNumQueueSlots; ++q) {
     RING& Ring = _paRing[q];
-    U32 Tail = Ring.Tail;
+    U64 Tail = Ring.Tail;
     // Start one behind the head: that is the job the scheduler is running, still pending until it ends.
-    U32 First = (Ring.Head + kJobRingSize - 1) % kJobRingSize;
-    for (U32 i = First; i != Tail; i = (i + 1) % kJobRingSize) {
-      DEVICE_JOB* p = &Ring.aJob[i];
+    U64 Head = Ring.Head;
+    U64 First = Head > 0 ? Head - 1 : 0;
+    for (U64 i = First; i < Tail; ++i) {
+      DEVICE_JOB* p = &Ring.aJob[i % kJobRingSize];
       U32 t = _LoadType(p);
       if (t != 0 && (_LoadFlags(p) & JOB_FLAG_PENDING) && _TypeMatches(Type, t, q)) {
         if (pQueue) {
@@ -412,10 +411,9 @@ bool CDevice::IsJobPending(U32 Type) {
 
 void CDevice::_CancelQueue(int Queue, U32 Type) {
   RING& Ring = _paRing[Queue];
-  U32 Head = Ring.Head;
-  U32 Tail = Ring.Tail;
-  for (U32 i = Head; i != Tail; i = (i + 1) % kJobRingSize) {
-    DEVICE_JOB* p = &Ring.aJob[i];
+  U64 Tail = Ring.Tail;
+  for (U64 i = Ring.Head; i < Tail; ++i) {
+    DEVICE_JOB* p = &Ring.aJob[i % kJobRingSize];
     U32 t = _LoadType(p);
     if (t == 0 || !_TypeMatches(Type, t, Queue)) {
       continue;
@@ -574,7 +572,10 @@ int CDevice::_SchedulerPass() {
 DEVICE_JOB* CDevice::_TakeNextJob() {
   for (int q = 0; q < kNumQueueSlots; ++q) {
     RING& Ring = _paRing[q];
-    DEVICE_JOB* p = &Ring.aJob[Ring.Head];
+    if (Ring.Head == Ring.Tail) {
+      continue;
+    }
+    DEVICE_JOB* p = &Ring.aJob[Ring.Head % kJobRingSize];
     U32 Type = _LoadType(p);
     if (Type == 0) {
       continue;  // empty, or a slot still being written: look again next pass
@@ -585,11 +586,11 @@ DEVICE_JOB* CDevice::_TakeNextJob() {
       char ac[128];
       snprintf(ac, sizeof(ac), "Job %s dropped: required data missing", JobTypeToName(Type));
       _LogWarning(ac);
-      Ring.Head = (Ring.Head + 1) % kJobRingSize;
+      Ring.Head++;
       ReleaseJob(p);
       continue;
     }
-    Ring.Head = (Ring.Head + 1) % kJobRingSize;
+    Ring.Head++;
     return p;
   }
   return nullptr;

@@ -114,8 +114,11 @@ class CDevice : public QThread {
  private:
   struct RING {
     DEVICE_JOB aJob[kJobRingSize];
-    std::atomic<U32> Head{0};  // next to run
-    std::atomic<U32> Tail{0};  // next free
+    // Running counts, not indices (index = count % kJobRingSize): Head == Tail means empty even when
+    // the ring has gone round, and a slot between Head and Tail is always a submitted record, never a
+    // finished one still waiting for its release.
+    std::atomic<U64> Head{0};  // next to run
+    std::atomic<U64> Tail{0};  // next free
   };
 
   int _SchedulerPass();

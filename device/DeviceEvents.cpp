@@ -99,6 +99,11 @@ bool IsStepJobEventQueued(U32 Count) {
   return false;
 }
 
+bool IsDeviceEventQueueEmpty() {
+  QMutexLocker Lock(&_TakeMutex);
+  return _TypeOf(_aEvent[_EventHead]).load(std::memory_order_acquire) == 0;
+}
+
 void ResetDeviceEventQueue() {
   QMutexLocker PostLock(&_PostMutex);
   QMutexLocker TakeLock(&_TakeMutex);

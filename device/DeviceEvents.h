@@ -49,6 +49,8 @@ const char* GetDeviceEventString(U64 PoolIdx);
 bool TakeDeviceEvent(DEVICE_EVENT* pEvent);
 // True when one of the next Count entries after the head is a finished step job.
 bool IsStepJobEventQueued(U32 Count);
+// True when no event waits in the ring.
+bool IsDeviceEventQueueEmpty();
 // Empties the ring and the string pool index.
 void ResetDeviceEventQueue();
 // Dispatches one event to the listeners on the calling thread (the main thread, or a pumping waiter).

@@ -1,0 +1,405 @@
+// The main window: construction order, menus from the action rows, the command slots it owns, the key
+// filter for second hotkeys, and the shut-down sequence.
+#include "app/MainWindow.h"
+
+#include <QAction>
+#include <QApplication>
+#include <QCloseEvent>
+#include <QElapsedTimer>
+#include <QEventLoop>
+#include <QKeyEvent>
+#include <QLabel>
+#include <QLineEdit>
+#include <QMap>
+#include <QMenuBar>
+#include <QPlainTextEdit>
+#include <QStatusBar>
+#include <QTimer>
+#include <QToolBar>
+#include <QVBoxLayout>
+
+#include "app/AppInfo.h"
+#include "app/actions/ActionTable.h"
+#include "app/actions/CommandConsole.h"
+#include "app/base/AppMode.h"
+#include "app/base/ConsoleCore.h"
+#include "app/base/Log.h"
+#include "app/tables/SettingsStore.h"
+#include "app/tables/SettingsTables.h"
+#include "device/Device.h"
+#include "device/DeviceEvents.h"
+
+namespace {
+
+CMainWindow* _pInstance = nullptr;
+
+// The family of a row: the part of its function name before the dot, or for rows without a
+// prototype the capitalised word behind "action" in the object name.
+QString _RowFamily(int Id) {
+  QString sName = GetFunctionName(Id);
+  if (!sName.isEmpty()) {
+    return sName.section('.', 0, 0);
+  }
+  QString sObject = g_aActions[Id].sObjectName;
+  if (!sObject.startsWith("action")) {
+    return QString();
+  }
+  QString sFamily;
+  for (int i = 6; i < sObject.size(); ++i) {
+    if (i > 6 && sObject[i].isUpper()) {
+      break;
+    }
+    sFamily += sObject[i];
+  }
+  return sFamily;
+}
+
+// Rows without a prototype that belong to the main window's own menus rather than to a debug window.
+bool _IsMainMenuRow(int Id) {
+  if (!g_aActions[Id].sPrototype.isEmpty()) {
+    return true;
+  }
+  static const char* const aFamilies[] = {"Window", "Toolbar", "Help", "View", "File", "Edit"};
+  QString sFamily = _RowFamily(Id);
+  for (const char* s : aFamilies) {
+    if (sFamily == QLatin1String(s)) {
+      return true;
+    }
+  }
+  return false;
+}
+
+int _RowByName(const char* sName) {
+  for (int Id = 0; Id < kNumActions; ++Id) {
+    if (GetFunctionName(Id) == QLatin1String(sName)) {
+      return Id;
+    }
+  }
+  return -1;
+}
+
+}  // namespace
+
+CMainWindow* CMainWindow::Instance() {
+  return _pInstance;
+}
+
+CMainWindow::CMainWindow(bool BatchMode) : CWindow(nullptr, "MainWindow"), _BatchMode(BatchMode) {
+  _pInstance = this;
+  _PerspectiveState = 2;
+  _pEventWorker = new CDeviceEventWorker(this);
+  _pEventWorker->start();
+  setFocusPolicy(Qt::TabFocus);
+  InstallQtLogHandler();
+  LoadStore();
+  _BuildInterface();
+  InitVars();
+  LoadPreferences();
+  LoadColorsAndFonts();
+  _ConnectActions();
+  _PerspectiveState = 1;
+  setWindowTitle(GetAppTitle(true, true) + " (" + GetAppDateText() + ")");
+  UpdateActions();
+  qApp->installEventFilter(this);
+}
+
+CMainWindow::~CMainWindow() {
+  qApp->removeEventFilter(this);
+  _WindowClosed();
+  if (_pInstance == this) {
+    _pInstance = nullptr;
+  }
+}
+
+void CMainWindow::_BuildInterface() {
+  // Menus and the debug tool bar are made from the rows; the object names link them to their rows.
+  static const char* const aMenuOrder[] = {"File",   "Edit",  "View", "Project", "Debug",   "Break", "Exec",
+                                           "Target", "Trace", "Util", "Window",  "Toolbar", "Help"};
+  QMap<QString, QList<QAction*>> Families;
+  for (int Id = 0; Id < kNumActions; ++Id) {
+    const GUI_ACTION& Row = g_aActions[Id];
+    if (Row.sObjectName.isEmpty() || !_IsMainMenuRow(Id)) {
+      continue;
+    }
+    QString sText = Row.sToolTip.isEmpty() ? GetFunctionName(Id) : Row.sToolTip;
+    QAction* pAction = new QAction(sText, this);
+    pAction->setObjectName(Row.sObjectName);
+    Families[_RowFamily(Id)] << pAction;
+  }
+  QStringList Order;
+  for (const char* s : aMenuOrder) {
+    Order << s;
+  }
+  for (const QString& sFamily : Families.keys()) {
+    if (!Order.contains(sFamily)) {
+      Order.insert(Order.size() - 1, sFamily);
+    }
+  }
+  for (const QString& sFamily : Order) {
+    if (!Families.contains(sFamily)) {
+      continue;
+    }
+    QMenu* pMenu = menuBar()->addMenu(sFamily == "Toolbar" ? "Tool Bars" : sFamily);
+    pMenu->addActions(Families[sFamily]);
+  }
+  QToolBar* pDebugBar = addToolBar("Debug");
+  pDebugBar->setObjectName("toolBarDebug");
+  for (const char* sName : {"Debug.Start", "Debug.Stop", "Debug.Reset", "Debug.Continue", "Debug.Halt",
+                            "Debug.StepInto", "Debug.StepOver", "Debug.StepOut"}) {
+    int Id = _RowByName(sName);
+    if (Id >= 0) {
+      for (QAction* pAction : findChildren<QAction*>(g_aActions[Id].sObjectName)) {
+        pDebugBar->addAction(pAction);
+      }
+    }
+  }
+  // Until the Console window exists, the centre shows the console output and takes command lines.
+  QWidget* pCentre = new QWidget(this);
+  QVBoxLayout* pLayout = new QVBoxLayout(pCentre);
+  pLayout->setContentsMargins(2, 2, 2, 2);
+  _pConsoleView = new QPlainTextEdit(pCentre);
+  _pConsoleView->setObjectName("textEditor");
+  _pConsoleView->setReadOnly(true);
+  _pConsoleView->setLineWrapMode(QPlainTextEdit::NoWrap);
+  _pConsoleInput = new QLineEdit(pCentre);
+  _pConsoleInput->setObjectName("lineEdit");
+  _pConsoleInput->setPlaceholderText("Type a command, or ? for a list of commands");
+  pLayout->addWidget(_pConsoleView);
+  pLayout->addWidget(_pConsoleInput);
+  setCentralWidget(pCentre);
+  connect(_pConsoleInput, &QLineEdit::returnPressed, this, &CMainWindow::OnConsoleLineEntered);
+  statusBar()->showMessage("Ready");
+  QLocale::setDefault(QLocale(QLocale::English, QLocale::AnyTerritory));
+  setLocale(QLocale(QLocale::English, QLocale::AnyTerritory));
+  LinkActions(this);
+  _pConsoleTimer = new QTimer(this);
+  _pConsoleTimer->setInterval(100);
+  connect(_pConsoleTimer, &QTimer::timeout, this, &CMainWindow::OnConsoleTimer);
+  if (!_BatchMode) {
+    _pConsoleTimer->start();
+  }
+  resize(1200, 800);
+}
+
+void CMainWindow::_ConnectActions() {
+  struct HANDLER {
+    const char* sName;
+    const char* sSlot;
+  };
+  static const HANDLER aHandler[] = {
+      {"Util.Log", SLOT(OnActionUtilLogTriggered())},
+      {"Util.Sleep", SLOT(OnActionUtilSleepTriggered())},
+      {"Exec.Command", SLOT(OnActionExecCmdTriggered())},
+      {"File.Exit", SLOT(OnActionFileExitTriggered())},
+  };
+  for (int Id = 0; Id < kNumActions; ++Id) {
+    QAction* pAction = GetAction(Id);
+    if (pAction == nullptr || pAction->parent() != this) {
+      continue;
+    }
+    const char* sSlot = SLOT(OnActionNotAvailableTriggered());
+    for (const HANDLER& h : aHandler) {
+      if (GetFunctionName(Id) == QLatin1String(h.sName)) {
+        sSlot = h.sSlot;
+      }
+    }
+    Connect(pAction, SIGNAL(triggered()), this, sSlot);
+  }
+  CCommandConsole* pConsole = CCommandConsole::Instance();
+  pConsole->LinkObject(this);
+  QAction* pHelp = new QAction("List Co&mmands", this);
+  pHelp->setObjectName("actionConsoleHelp");
+  pHelp->setStatusTip("Display Command List");
+  LinkActions(this);
+  Connect(pHelp, SIGNAL(triggered()), pConsole, SLOT(OnActionHelpTriggered()));
+}
+
+void CMainWindow::UpdateActions() {
+  // Rows the session logic governs get their states as the session grows; all other rows with a
+  // prototype may run from commands and scripts.
+  for (int Id = 0; Id < kNumActions; ++Id) {
+    QAction* pAction = GetAction(Id);
+    if (pAction == nullptr) {
+      continue;
+    }
+    SetCommandPermitted(Id, true);
+  }
+}
+
+bool CMainWindow::eventFilter(QObject* pObject, QEvent* pEvent) {
+  if (pEvent->type() == QEvent::KeyPress && _OnKeyPressed(pObject, static_cast<QKeyEvent*>(pEvent))) {
+    return true;
+  }
+  return CWindow::eventFilter(pObject, pEvent);
+}
+
+bool CMainWindow::_OnKeyPressed(QObject* pObject, QKeyEvent* pEvent) {
+  if (pEvent->key() == Qt::Key_Return || pEvent->key() == Qt::Key_Enter) {
+    return false;
+  }
+  int Key = pEvent->key();
+  if (Key == Qt::Key_Shift || Key == Qt::Key_Control || Key == Qt::Key_Alt || Key == Qt::Key_Meta) {
+    return false;
+  }
+  QString sKey = QKeySequence(pEvent->keyCombination()).toString(QKeySequence::PortableText);
+  GUI_ACTION Row = GetRowByHotkey2(sKey);
+  if (Row.ID < U32(kNumActions)) {
+    TriggerAction(int(Row.ID));
+    return true;
+  }
+  return false;
+}
+
+void CMainWindow::paintEvent(QPaintEvent* pEvent) {
+  CWindow::paintEvent(pEvent);
+  if (!_ShownOnce) {
+    _ShownOnce = true;
+    QTimer::singleShot(10, this, &CMainWindow::OnWindowShown);
+  }
+}
+
+void CMainWindow::OnWindowShown() {
+  LogMessage("Tarvik software found at: built-in probe layer", MSG_INFO | MSG_TO_ALL);
+  ReportUnlinkedActions();
+}
+
+void CMainWindow::OnConsoleTimer() {
+  CONSOLE_MSG Msg;
+  int n = 0;
+  bool Printed = false;
+  while (n < 100 && ConsoleTakeMessage(&Msg)) {
+    QColor Color = Msg.ColorID >= 0 ? GetColor(Msg.ColorID) : QColor::fromRgba(Msg.Color);
+    QString sText = QString::fromUtf8(Msg.acText).toHtmlEscaped();
+    if (Color.alpha() == 0) {
+      _pConsoleView->appendHtml("<span style=\"white-space:pre\">" + sText + "</span>");
+    } else {
+      _pConsoleView->appendHtml("<span style=\"white-space:pre; color:" + Color.name() + "\">" + sText +
+                                "</span>");
+    }
+    Printed = true;
+    ++n;
+  }
+  if (Printed) {
+    _pConsoleView->moveCursor(QTextCursor::End);
+  }
+}
+
+void CMainWindow::OnConsoleLineEntered() {
+  QString sLine = _pConsoleInput->text();
+  _pConsoleInput->clear();
+  CCommandConsole::Instance()->RunLine(sLine);
+}
+
+void CMainWindow::OnActionNotAvailableTriggered() {
+  QAction* pAction = qobject_cast<QAction*>(sender());
+  int Id = GetActionID(pAction);
+  if (Id >= 0) {
+    SetError(Id, "not available");
+    if (GetFunctionName(Id).isEmpty()) {
+      statusBar()->showMessage(g_aActions[Id].sToolTip + ": not available", 3000);
+    }
+  }
+}
+
+void CMainWindow::OnActionUtilLogTriggered() {
+  static const int Id = _RowByName("Util.Log");
+  if (!CheckParamCount(Id, -1)) {
+    return;
+  }
+  ConsolePrint(GetArguments(Id).value(0));
+}
+
+void CMainWindow::OnActionUtilSleepTriggered() {
+  static const int Id = _RowByName("Util.Sleep");
+  if (!CheckParamCount(Id, -1)) {
+    return;
+  }
+  QString sMs = GetArguments(Id).value(0).trimmed();
+  bool Ok = false;
+  int Ms = sMs.toInt(&Ok, 0);
+  if (!Ok || Ms < 0) {
+    SetError(Id, "invalid number", sMs);
+    return;
+  }
+  // Events keep flowing while the command waits (device events included); user input does not.
+  QElapsedTimer Timer;
+  Timer.start();
+  while (Timer.elapsed() < Ms) {
+    QCoreApplication::processEvents(QEventLoop::ExcludeUserInputEvents, 10);
+    DispatchDeviceEvents(10);
+  }
+}
+
+void CMainWindow::OnActionExecCmdTriggered() {
+  static const int Id = _RowByName("Exec.Command");
+  if (!CheckParamCount(Id, -1)) {
+    return;
+  }
+  QByteArray Cmd = GetArguments(Id).value(0).toUtf8();
+  if (Cmd.isEmpty()) {
+    SetError(Id, "invalid parameter", "empty command");
+    return;
+  }
+  if (Cmd.size() > 1024) {
+    SetError(Id, "invalid parameter", "command longer than 1024 bytes");
+    return;
+  }
+  if (CDevice::Instance()->ScheduleExecTarvikCmd(Cmd.constData()) < 0) {
+    SetError(Id, "job queue full");
+  }
+}
+
+void CMainWindow::OnActionFileExitTriggered() {
+  close();
+}
+
+void CMainWindow::OnDeviceLogMsg(const char* sMsg, MSG_INFO_FLAGS Flags) {
+  if (!GetLogSink().WouldReach(Flags)) {
+    return;  // not formatted in vain
+  }
+  LogMessage(sMsg, Flags);
+}
+
+void CMainWindow::OnDeviceExecCmdDone(const char* sCmd) {
+  LogMessage(QString("Tarvik command done: ") + sCmd, MSG_INFO | MSG_TO_LOGFILE | MSG_TO_STDOUT);
+}
+
+void CMainWindow::OnDeviceExecCmdFailed(const char* sCmd, char* sError) {
+  QString sText = QString("Exec.Command (\"%1\"): %2").arg(sCmd, sError && *sError ? sError : "failed");
+  ConsoleError(sText);
+  NoteCommandError();
+}
+
+void CMainWindow::OnDeviceConnectionLost() {
+  statusBar()->showMessage("Connection to target lost");
+  NoteCommandError();
+}
+
+void CMainWindow::closeEvent(QCloseEvent* pEvent) {
+  _WindowClosed();
+  CWindow::closeEvent(pEvent);
+  pEvent->accept();
+}
+
+void CMainWindow::_WindowClosed() {
+  if (_ShutDown) {
+    return;
+  }
+  _ShutDown = true;
+  _Closing = true;
+  if (_pConsoleTimer) {
+    _pConsoleTimer->stop();
+  }
+  // Queued jobs are cancelled, the device thread is told to stop and waited for while events flow.
+  if (CDevice::HasInstance()) {
+    CDevice* pDevice = CDevice::Instance();
+    pDevice->CancelPendingJobs(JT_ANY, JOB_QUEUE_ALL);
+    pDevice->RequestStop();
+    while (pDevice->isRunning()) {
+      QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
+      DispatchDeviceEvents(10);
+    }
+  }
+  SaveColorsAndFonts();
+  SavePreferences();
+}

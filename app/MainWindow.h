@@ -1,0 +1,66 @@
+// CMainWindow: the one top-level window. It owns the device event worker, builds the menus and tool bar
+// from the action rows, links the rows to their actions, hosts the command slots of the session rows,
+// and runs the start-up and shut-down sequences around the event loop.
+#pragma once
+
+#include <QPointer>
+
+#include "windows/Window.h"
+
+class QLineEdit;
+class QPlainTextEdit;
+class QTimer;
+class CDeviceEventWorker;
+
+class CMainWindow : public CWindow {
+  Q_OBJECT
+ public:
+  // The main window, or null before main() has made it.
+  static CMainWindow* Instance();
+
+  // Batch mode builds the same window but never shows it and asks no questions.
+  explicit CMainWindow(bool BatchMode = false);
+  ~CMainWindow() override;
+
+  void UpdateActions() override;
+  bool IsClosing() const { return _Closing; }
+  // 2 while the constructor runs, 1 afterwards.
+  int GetPerspectiveState() const { return _PerspectiveState; }
+
+  // Device events the main window handles.
+  void OnDeviceLogMsg(const char* sMsg, MSG_INFO_FLAGS Flags) override;
+  void OnDeviceExecCmdDone(const char* sCmd) override;
+  void OnDeviceExecCmdFailed(const char* sCmd, char* sError) override;
+  void OnDeviceConnectionLost() override;
+
+ protected:
+  bool eventFilter(QObject* pObject, QEvent* pEvent) override;
+  void paintEvent(QPaintEvent* pEvent) override;
+  void closeEvent(QCloseEvent* pEvent) override;
+
+ private slots:
+  void OnWindowShown();
+  void OnConsoleTimer();
+  void OnConsoleLineEntered();
+  void OnActionNotAvailableTriggered();
+  void OnActionUtilLogTriggered();
+  void OnActionUtilSleepTriggered();
+  void OnActionExecCmdTriggered();
+  void OnActionFileExitTriggered();
+
+ private:
+  void _BuildInterface();
+  void _ConnectActions();
+  void _WindowClosed();
+  bool _OnKeyPressed(QObject* pObject, QKeyEvent* pEvent);
+
+  CDeviceEventWorker* _pEventWorker = nullptr;
+  QPlainTextEdit* _pConsoleView = nullptr;
+  QLineEdit* _pConsoleInput = nullptr;
+  QTimer* _pConsoleTimer = nullptr;
+  bool _BatchMode = false;
+  bool _Closing = false;
+  bool _ShownOnce = false;
+  bool _ShutDown = false;
+  int _PerspectiveState = 2;
+};

@@ -1,0 +1,113 @@
+// The whole command path in one process: a console line finds its row, the handler files a device job,
+// the device thread runs it on a scripted probe, and the completion comes back to a listener on the
+// main thread; batch mode adds waits, result lines and exit codes.
+#include <gtest/gtest.h>
+
+#include <QAction>
+#include <QApplication>
+#include <QKeyEvent>
+#include <QThread>
+
+#include "app/BatchMode.h"
+#include "app/MainWindow.h"
+#include "app/actions/ActionTable.h"
+#include "app/base/ConsoleCore.h"
+#include "app/base/tests/QtPrinters.h"
+#include "device/Device.h"
+#include "device/DeviceEventListener.h"
+#include "device/tests/FakeProbe.h"
+
+namespace {
+
+int RowOf(const char* sName) {
+  for (int Id = 0; Id < kNumActions; ++Id) {
+    if (GetFunctionName(Id) == QLatin1String(sName)) {
+      return Id;
+    }
+  }
+  return -1;
+}
+
+struct MAIN_THREAD_RECORDER : CDeviceEventListener {
+  QStringList Calls;
+  bool OffMainThread = false;
+  void Note(const QString& s) {
+    OffMainThread = OffMainThread || QThread::currentThread() != qApp->thread();
+    Calls << s;
+  }
+  void OnDeviceExecCmdDone(const char* s) override { Note(QString("done %1").arg(s)); }
+  void OnDeviceExecCmdFailed(const char* s, char* e) override { Note(QString("failed %1: %2").arg(s, e)); }
+};
+
+class CommandPath : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ResetFake();
+    SetTarvikApi(&FakeProbeApi());
+    pWindow = new CMainWindow(true);
+    ConsoleClearRing();
+    ConsoleSetMirror([this](const QString& s) { Output << s; });
+  }
+  void TearDown() override {
+    ConsoleSetMirror({});
+    Fake().Release();
+    delete pWindow;
+    delete CDevice::Instance();  // the next test starts with a fresh device thread
+    SetTarvikApi(nullptr);
+  }
+  CMainWindow* pWindow = nullptr;
+  QStringList Output;
+  MAIN_THREAD_RECORDER Recorder;
+};
+
+}  // namespace
+
+TEST_F(CommandPath, ConsoleLineFilesAJobAndTheListenerHearsItOnTheMainThread) {
+  int Code = RunBatchLines({"Exec.Command (\"SetSpeed 4000\")", "Exec.Command fail-now"}, 30);
+  EXPECT_EQ(Code, BATCH_EXIT_COMMAND_FAILED);
+  EXPECT_EQ(Recorder.Calls,
+            QStringList({"done SetSpeed 4000", "failed fail-now: unknown command: fail-now"}));
+  EXPECT_FALSE(Recorder.OffMainThread);
+  EXPECT_EQ(Output, QStringList({"Exec.Command (\"SetSpeed 4000\");", "Exec.Command (\"fail-now\");",
+                                 "Exec.Command (\"fail-now\"): unknown command: fail-now"}));
+  EXPECT_EQ(Fake().nExec.load(), 2);
+}
+
+TEST_F(CommandPath, BatchSkipsCommentsAndReportsUnknownCommandsAndWrongCounts) {
+  int Code = RunBatchLines({"# a comment", "// another", "", "   ", "Util.Log (\"first\")"}, 30);
+  EXPECT_EQ(Code, BATCH_EXIT_OK);
+  EXPECT_EQ(Output, QStringList({"Util.Log (\"first\");", "first"}));
+  Output.clear();
+  EXPECT_EQ(RunBatchLines({"NoSuchThing(1)"}, 30), BATCH_EXIT_COMMAND_FAILED);
+  EXPECT_EQ(RunBatchLines({"Util.Log (a, b)"}, 30), BATCH_EXIT_COMMAND_FAILED);
+  EXPECT_EQ(RunBatchLines({"Debug.SetNextPC (1)"}, 30), BATCH_EXIT_COMMAND_FAILED);  // no handler yet
+  EXPECT_EQ(Output,
+            QStringList({"NoSuchThing(1): unknown command. Type ? or help for a list of available commands.",
+                         "Util.Log (\"a\", b);", "Util.Log (\"a\", b): wrong parameter count",
+                         "Debug.SetNextPC (1);", "Debug.SetNextPC (1): not available"}));
+}
+
+TEST_F(CommandPath, ResultsStoredByARowArePrintedAfterIt) {
+  int Sleep = RowOf("Util.Sleep");
+  QObject::connect(GetAction(Sleep), &QAction::triggered, pWindow, [Sleep] { SetResult(Sleep, -2); });
+  EXPECT_EQ(RunBatchLines({"Util.Sleep (1)", "Util.Log x"}, 30), BATCH_EXIT_OK);
+  EXPECT_EQ(Output, QStringList({"Util.Sleep (1);", "= -2 (0xFFFFFFFE)", "Util.Log (\"x\");", "x"}));
+}
+
+TEST_F(CommandPath, HelpPrintsTheCommandTable) {
+  EXPECT_EQ(RunBatchLines({"?"}, 30), BATCH_EXIT_OK);
+  ASSERT_GT(Output.size(), 100);
+  EXPECT_TRUE(Output[0].startsWith("Command                      Arguments"));
+  Output.clear();
+  EXPECT_EQ(RunBatchLines({"HeLp"}, 30), BATCH_EXIT_OK);
+  EXPECT_GT(Output.size(), 100);
+}
+
+TEST_F(CommandPath, SecondHotkeyRunsItsRow) {
+  int Halt = RowOf("Debug.Halt");
+  bool Ran = false;
+  QObject::connect(GetAction(Halt), &QAction::triggered, pWindow, [&Ran] { Ran = true; });
+  QKeyEvent Key(QEvent::KeyPress, Qt::Key_F6, Qt::NoModifier);
+  QApplication::sendEvent(pWindow, &Key);
+  EXPECT_TRUE(Ran);
+}
