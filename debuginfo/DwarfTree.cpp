@@ -942,9 +942,10 @@ static int _CreateTables(ELF_FILE* pFile) {
   I64 debugBytes = 0;
   int info = ELF_GetSectionIdx(pFile, ".debug_info");
   int types = ELF_GetSectionIdx(pFile, ".debug_types");
-  if (info >= 0)
+  // Only sections whose bytes are in the file count: a corrupt size must not size the tables.
+  if (info >= 0 && ELF_GetSectionBytes(pFile, (U32)info))
     debugBytes += pFile->shdrs[info].sh_size;
-  if (types >= 0)
+  if (types >= 0 && ELF_GetSectionBytes(pFile, (U32)types))
     debugBytes += pFile->shdrs[types].sh_size;
   I32 size = ELF_NextHashSize(debugBytes ? debugBytes : 16384) / 16;
   if (size == 0)

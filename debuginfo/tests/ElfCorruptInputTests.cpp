@@ -11,6 +11,7 @@
 #include "ReadelfRecord.h"
 #include "debuginfo/DwarfTree.h"
 #include "debuginfo/ElfFile.h"
+#include "debuginfo/ElfHash.h"
 
 namespace {
 
@@ -321,6 +322,35 @@ TEST(ElfCorruptInput, BadListTableHeaderIsNamedAndSkipped) {
     EXPECT_GT(ELF_GetDieListCount(pFile, ELF_LIST_FUNCTIONS), 0u);
     ExerciseFile(pFile);
     ELF_Close(pFile);
+    ELF_SetLogCallback(nullptr);
+  }
+}
+
+}  // namespace
+
+namespace {
+
+// Inputs the fuzzer once broke the reader with, replayed as they were found.
+TEST(ElfFuzzRegressions, FoundInputsLoadOrFailCleanly) {
+  const char* const kInputs[] = {
+      // .debug_info claimed 3 GB beyond the file's end, and the tables were sized for it.
+      "oom-debug-info-size-beyond-file",
+  };
+  for (const char* sInput : kInputs) {
+    SCOPED_TRACE(sInput);
+    auto bytes = readelf::ReadBytes(std::string(ZEVRA_SOURCE_DIR) + "/debuginfo/fuzz/regressions/" + sInput);
+    ASSERT_FALSE(bytes.empty());
+    g_Log.clear();
+    ELF_SetLogCallback(CaptureLog);
+    ELF_FILE* pFile = ELF_OpenImage(bytes.data(), (U32)bytes.size(), sInput);
+    if (pFile) {
+      ASSERT_NE(pFile->dwarf.dieById, nullptr);
+      EXPECT_LE(pFile->dwarf.dieById->size, ELF_NextHashSize((I64)bytes.size()));
+      ExerciseFile(pFile);
+      ELF_Close(pFile);
+    } else {
+      EXPECT_FALSE(g_Log.empty());
+    }
     ELF_SetLogCallback(nullptr);
   }
 }
