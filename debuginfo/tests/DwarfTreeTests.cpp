@@ -106,6 +106,15 @@ TEST_P(DwarfFixture, UnitsAndVersionMatchReadelf) {
   EXPECT_EQ(ListOffsets(ELF_LIST_COMP_UNITS), expected);
   EXPECT_EQ(m_pFile->dwarf.dwarfVersion, maxVersion);
   EXPECT_EQ(m_pFile->dwarf.cuCount, m_Units.size());
+  // Line table versions per unit, as the raw line dump reports them (3, 4 or 5 in the fixtures).
+  std::vector<int> lineVersions;
+  for (const auto& line :
+       readelf::ReadLines(readelf::FixturePath(std::string(GetParam()) + ".lineversions.txt"))) {
+    lineVersions.push_back(std::stoi(line.substr(line.find(':') + 1)));
+  }
+  ASSERT_EQ(m_pFile->dwarf.cuInfos.n, lineVersions.size());
+  for (U32 i = 0; i < lineVersions.size(); i++)
+    EXPECT_EQ(m_pFile->dwarf.cuInfos.items[i].lineVersion, lineVersions[i]);
   for (U64 offset : expected) {
     EXPECT_STREQ(_GetDieName(m_pFile, DieAt(offset)), m_Dies[offset].Name().c_str());
   }
