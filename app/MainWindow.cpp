@@ -215,15 +215,82 @@ void CMainWindow::_ConnectActions() {
 }
 
 void CMainWindow::UpdateActions() {
-  // Rows the session logic governs get their states as the session grows; all other rows with a
-  // prototype may run from commands and scripts.
+  CDevice* pDevice = CDevice::HasInstance() ? CDevice::Instance() : nullptr;
+  const bool Connected = pDevice && pDevice->IsConnected();
+  const bool Halted = Connected && pDevice->IsHalted();
+  const bool ProjectOpen = true;  // an empty project stands from the start
+  const bool ProjectModified = false;
+  const int NumBreakpoints = 0;
+  const int NumDataBreakpoints = 0;
+  const bool PCLocationValid = false;
+  auto HasContext = [](QAction* pAction) {
+    QVariant Data = pAction->data();
+    return Data.isValid() && Data.typeId() != QMetaType::QStringList && Data.typeId() != QMetaType::Int;
+  };
+  // Rows not named here may always run from commands and are always enabled.
   for (int Id = 0; Id < kNumActions; ++Id) {
     QAction* pAction = GetAction(Id);
     if (pAction == nullptr) {
       continue;
     }
-    SetCommandPermitted(Id, true);
+    const QString sName = GetFunctionName(Id);
+    bool Permitted = true;
+    bool Enabled = true;
+    bool Visible = true;
+    if (sName == "File.SaveProjectAs") {
+      Permitted = Enabled = ProjectOpen;
+    } else if (sName == "File.SaveAll") {
+      Permitted = Enabled = ProjectOpen && ProjectModified;
+    } else if (sName == "Debug.Start") {
+      Visible = !Connected;
+    } else if (sName == "Debug.Stop") {
+      Enabled = Visible = Connected;
+    } else if (sName == "Debug.Continue") {
+      Enabled = Halted;
+      Visible = !Connected || Halted;
+    } else if (sName == "Debug.Halt") {
+      Enabled = Connected && !Halted;
+      Visible = !Halted;
+    } else if (sName == "Debug.StepInto" || sName == "Debug.StepOver" || sName == "Debug.StepOut") {
+      Enabled = Halted;
+    } else if (sName == "Debug.SetNextPC" || sName == "Debug.SetNextStatement" || sName == "Debug.RunTo" ||
+               sName == "View.Data" || sName == "View.Source" || sName == "Watch.Add") {
+      Enabled = HasContext(pAction);
+    } else if (sName == "View.CallGraph") {
+      Enabled = Visible = HasContext(pAction);
+    } else if (sName == "View.Disassembly") {
+      Permitted = Connected;
+      Enabled = Connected && HasContext(pAction);
+    } else if (sName == "View.PC" || sName == "View.InstrTrace" || sName == "View.Memory") {
+      Permitted = Enabled = Visible = Connected;
+    } else if (sName == "View.PCLine") {
+      Permitted = Enabled = Connected;
+      Visible = Connected && PCLocationValid;
+    } else if (sName == "Break.ClearAll") {
+      Permitted = Enabled = NumBreakpoints > 0;
+    } else if (sName == "Break.ClearAllOnData") {
+      Permitted = Enabled = NumDataBreakpoints > 0;
+    }
+    SetCommandPermitted(Id, Permitted);
+    pAction->setEnabled(Enabled);
+    pAction->setVisible(Visible);
   }
+}
+
+void CMainWindow::OnDeviceConnectDone(CONNECT_MODES) {
+  UpdateActions();
+}
+
+void CMainWindow::OnDeviceDisconnectDone() {
+  UpdateActions();
+}
+
+void CMainWindow::OnDeviceHaltDone(U32, HALT_REASONS) {
+  UpdateActions();
+}
+
+void CMainWindow::OnDeviceResumeDone(RESUME_MODES) {
+  UpdateActions();
 }
 
 bool CMainWindow::eventFilter(QObject* pObject, QEvent* pEvent) {
@@ -372,6 +439,7 @@ void CMainWindow::OnDeviceExecCmdFailed(const char* sCmd, char* sError) {
 
 void CMainWindow::OnDeviceConnectionLost() {
   statusBar()->showMessage("Connection to target lost");
+  UpdateActions();
   NoteCommandError();
 }
 

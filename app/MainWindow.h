@@ -32,6 +32,10 @@ class CMainWindow : public CWindow {
   void OnDeviceExecCmdDone(const char* sCmd) override;
   void OnDeviceExecCmdFailed(const char* sCmd, char* sError) override;
   void OnDeviceConnectionLost() override;
+  void OnDeviceConnectDone(CONNECT_MODES Mode) override;
+  void OnDeviceDisconnectDone() override;
+  void OnDeviceHaltDone(U32 NewPC, HALT_REASONS HaltReason) override;
+  void OnDeviceResumeDone(RESUME_MODES Mode) override;
 
  protected:
   bool eventFilter(QObject* pObject, QEvent* pEvent) override;

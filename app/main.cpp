@@ -16,6 +16,8 @@
 #include "app/tables/SettingsStore.h"
 #include "app/tables/SettingsTables.h"
 #include "device/DeviceDataProvider.h"
+#include "device/probe/ProbeCore.h"
+#include "device/probe/TarvikApi.h"
 
 int main(int argc, char** argv) {
   const bool DebugMode = ScanDebugSwitch(argc, argv);
@@ -59,6 +61,8 @@ int main(int argc, char** argv) {
     });
   }
 
+  // The built-in probe layer: the simulated target, or a GDB remote server chosen by the project.
+  SetTarvikApi(&TARVIK_GetProbeLayerApi());
   CDeviceDataProvider::Instance();
   int Result = 0;
   {

@@ -541,10 +541,13 @@ void CDevice::run() {
     }
   }
   QMutexLocker Lock(&_DeviceMutex);
+  const TARVIK_API& Probe = GetTarvikApi();
   if (_Connected.load()) {
-    const TARVIK_API& Probe = GetTarvikApi();
+    // A lost connection skips this: the target can no longer be told anything.
     Probe.TARVIKARM_ClrBPEx(0xFFFFFFFF);
     Probe.TARVIKARM_ClrDataEvent(0xFFFFFFFF);
+  }
+  if (Probe.TARVIKARM_IsOpen()) {
     Probe.TARVIKARM_Close();
   }
   _Connected = false;

@@ -11,6 +11,7 @@
 #include "app/BatchMode.h"
 #include "app/MainWindow.h"
 #include "app/actions/ActionTable.h"
+#include "app/actions/CommandWait.h"
 #include "app/base/ConsoleCore.h"
 #include "app/base/tests/QtPrinters.h"
 #include "device/Device.h"
@@ -92,6 +93,25 @@ TEST_F(CommandPath, ResultsStoredByARowArePrintedAfterIt) {
   QObject::connect(GetAction(Sleep), &QAction::triggered, pWindow, [Sleep] { SetResult(Sleep, -2); });
   EXPECT_EQ(RunBatchLines({"Util.Sleep (1)", "Util.Log x"}, 30), BATCH_EXIT_OK);
   EXPECT_EQ(Output, QStringList({"Util.Sleep (1);", "= -2 (0xFFFFFFFE)", "Util.Log (\"x\");", "x"}));
+}
+
+TEST_F(CommandPath, RowsFollowTheSessionStateInMenusAndCommands) {
+  EXPECT_EQ(RunBatchLines({"Break.ClearAll", "View.PC"}, 30), BATCH_EXIT_COMMAND_FAILED);
+  EXPECT_EQ(Output, QStringList({"Break.ClearAll: Command disabled", "View.PC: Command disabled"}));
+  QAction* pHalt = GetAction(RowOf("Debug.Halt"));
+  QAction* pStop = GetAction(RowOf("Debug.Stop"));
+  EXPECT_FALSE(pHalt->isEnabled());
+  EXPECT_FALSE(pStop->isEnabled());
+  CDevice* pDevice = CDevice::Instance();
+  ASSERT_EQ(pDevice->ScheduleConnect(CM_ATTACH_HALT), 0);  // a bare connect is not reported to windows
+  pDevice->WaitForJobThenPump(JT_CONNECT, true);
+  ASSERT_TRUE(SettleDevice(5000));
+  EXPECT_TRUE(pStop->isEnabled());
+  EXPECT_FALSE(pHalt->isEnabled());  // the scripted target starts halted
+  EXPECT_TRUE(GetAction(RowOf("Debug.Continue"))->isEnabled());
+  Output.clear();
+  EXPECT_EQ(RunBatchLines({"View.PC"}, 30), BATCH_EXIT_COMMAND_FAILED);  // permitted now, not yet handled
+  EXPECT_EQ(Output, QStringList({"View.PC();", "View.PC(): not available"}));
 }
 
 TEST_F(CommandPath, HelpPrintsTheCommandTable) {
