@@ -15,8 +15,11 @@ constexpr int SCRIPT_MAX_ARGS = 15;
 constexpr int SCRIPT_MAX_NATIVE_ARGS = 8;
 // Script-to-script calls (recursion included) nest at most this deep; deeper reports "Out of memory.".
 constexpr int SCRIPT_MAX_CALL_DEPTH = 1000;
-// Blocks, statements and parenthesised expressions nest at most this deep within the calls.
-constexpr int SCRIPT_MAX_NESTING = 1000;
+// Calls, blocks, statements and expressions together nest at most this deep, and a run uses at most
+// this much of the C++ stack; deeper reports "Out of memory." as well. A thousand plain recursive
+// calls need about a third of each.
+constexpr int SCRIPT_MAX_NESTING = 10000;
+constexpr U64 SCRIPT_STACK_BUDGET = 4 * 1024 * 1024;
 
 // The node kinds; the numbers are part of the language's description and stay fixed.
 enum SCRIPT_KIND : U32 {
@@ -119,6 +122,7 @@ struct CTrans {
   I32 CallDepth;        // script calls running now
   I32 Nesting;          // blocks, statements and expressions being read now
   U64 StepsLeft;        // statements left before "Step limit reached."; 0 for no limit
+  U64 StackBase;        // stack address where the outermost run began, 0 when none runs
   U8* pBlockEnd;        // end of the block
   SCRIPT_LITERAL* pLiterals;
   char acErrorText[200];  // formatted messages are built here
