@@ -52,6 +52,16 @@ static void _Report(DWA_CONTEXT* pContext, Dwarf_Error Err, const char* sCall, c
     pContext->pfSink(pContext->pUser, acText);
 }
 
+// Our own finding about a list, in the same form as libdwarf's errors.
+static void _ReportText(DWA_CONTEXT* pContext, const char* sWhat, const char* sCall, U64 Offset) {
+  char acText[200];
+  snprintf(acText, sizeof(acText),
+           "libdwarf: %s runs outside its section or does not end in func %s (offset, 0x%X)", sWhat, sCall,
+           (unsigned)Offset);
+  if (pContext->pfSink)
+    pContext->pfSink(pContext->pUser, acText);
+}
+
 /*********************************************************************
  * Object access over the sections in memory
  */
@@ -637,6 +647,176 @@ void DWA_FreeStrings(char** paStrings, U32 Num) {
 }
 
 /*********************************************************************
+ * List checks. libdwarf 20210528 reads location and range lists without bounds checks: an
+ * offset outside its section or an entry that runs past the end crashes it. So each list is walked
+ * here first, within the section's bytes, and one that does not end cleanly is not handed over.
+ */
+
+// The bytes of a section by name, or null.
+static const U8* _FindSection(DWA_CONTEXT* pContext, const char* sName, U64* pSize) {
+  for (U32 i = 0; i < pContext->NumSections; i++) {
+    const DWA_SECTION* s = &pContext->paSections[i];
+    if (s->pData && s->sName && strcmp(s->sName, sName) == 0) {
+      *pSize = s->Size;
+      return s->pData;
+    }
+  }
+  return nullptr;
+}
+
+// A cursor over one section that never reads past its end.
+struct LIST_CURSOR {
+  const U8* p;
+  U64 size;
+  U64 at;
+  bool bad;
+  bool BigEndian;
+
+  U8 Byte() {
+    if (at >= size) {
+      bad = true;
+      return 0;
+    }
+    return p[at++];
+  }
+  U64 Uleb() {
+    U64 v = 0;
+    for (int shift = 0; shift < 64; shift += 7) {
+      U8 b = Byte();
+      if (bad)
+        return 0;
+      v |= (U64)(b & 0x7F) << shift;
+      if (!(b & 0x80))
+        return v;
+    }
+    bad = true;
+    return 0;
+  }
+  U64 Fixed(int n) {
+    U64 v = 0;
+    for (int i = 0; i < n; i++) {
+      U8 b = Byte();
+      v = BigEndian ? (v << 8) | b : v | ((U64)b << (8 * i));
+    }
+    return v;
+  }
+  void Skip(U64 n) {
+    if (n > size - at) {
+      bad = true;
+      return;
+    }
+    at += n;
+  }
+};
+
+static constexpr int kMaxListEntries = 100000;
+
+// Walks a DWARF 5 location list (IsLocation) or range list at Offset. True when it ends cleanly.
+static bool _IsDwarf5ListSound(DWA_CONTEXT* pContext, bool IsLocation, U64 Offset) {
+  U64 size = 0;
+  const U8* p = _FindSection(pContext, IsLocation ? ".debug_loclists" : ".debug_rnglists", &size);
+  if (!p || Offset >= size)
+    return false;
+  LIST_CURSOR c = {p, size, Offset, false, pContext->BigEndian};
+  for (int n = 0; n < kMaxListEntries && !c.bad; n++) {
+    U8 kind = c.Byte();
+    if (kind == 0)
+      return !c.bad;  // end of list, the same code in both kinds of list
+    if (IsLocation) {
+      switch (kind) {
+        case DW_LLE_base_addressx:
+          c.Uleb();
+          continue;
+        case DW_LLE_startx_endx:
+        case DW_LLE_startx_length:
+        case DW_LLE_offset_pair:
+          c.Uleb();
+          c.Uleb();
+          break;
+        case DW_LLE_default_location:
+          break;
+        case DW_LLE_base_address:
+          c.Fixed(4);
+          continue;
+        case DW_LLE_start_end:
+          c.Fixed(4);
+          c.Fixed(4);
+          break;
+        case DW_LLE_start_length:
+          c.Fixed(4);
+          c.Uleb();
+          break;
+        default:
+          return false;
+      }
+      U64 length = c.Uleb();
+      // An entry without an expression is where libdwarf can fail; such a list is refused too.
+      if (length == 0)
+        return false;
+      c.Skip(length);
+    } else {
+      switch (kind) {
+        case DW_RLE_base_addressx:
+          c.Uleb();
+          break;
+        case DW_RLE_startx_endx:
+        case DW_RLE_startx_length:
+        case DW_RLE_offset_pair:
+          c.Uleb();
+          c.Uleb();
+          break;
+        case DW_RLE_base_address:
+          c.Fixed(4);
+          break;
+        case DW_RLE_start_end:
+          c.Fixed(4);
+          c.Fixed(4);
+          break;
+        case DW_RLE_start_length:
+          c.Fixed(4);
+          c.Uleb();
+          break;
+        default:
+          return false;
+      }
+    }
+  }
+  return false;
+}
+
+// Walks a DWARF 2 to 4 location list in .debug_loc (IsLocation) or range list in .debug_ranges.
+static bool _IsDwarf4ListSound(DWA_CONTEXT* pContext, bool IsLocation, U64 Offset) {
+  U64 size = 0;
+  const U8* p = _FindSection(pContext, IsLocation ? ".debug_loc" : ".debug_ranges", &size);
+  if (!p || Offset >= size)
+    return false;
+  LIST_CURSOR c = {p, size, Offset, false, pContext->BigEndian};
+  for (int n = 0; n < kMaxListEntries && !c.bad; n++) {
+    U64 lo = c.Fixed(4), hi = c.Fixed(4);
+    if (c.bad)
+      return false;
+    if (lo == 0 && hi == 0)
+      return true;
+    if (lo == 0xFFFFFFFF || !IsLocation)
+      continue;  // base address selection, or a range pair
+    U64 length = c.Fixed(2);
+    if (length == 0)
+      return false;
+    c.Skip(length);
+  }
+  return false;
+}
+
+// True when a list attribute's value may go to libdwarf: a section offset to a list that ends
+// cleanly. Indexed forms (split DWARF) are not read.
+static bool _IsListSound(DWA_CONTEXT* pContext, DWA_DIE Die, Dwarf_Half Form, U64 Offset, bool IsLocation) {
+  if (Form != DW_FORM_sec_offset && Form != DW_FORM_data4 && Form != DW_FORM_data8)
+    return false;
+  return DWA_GetUnitVersion(pContext, Die) >= 5 ? _IsDwarf5ListSound(pContext, IsLocation, Offset)
+                                                : _IsDwarf4ListSound(pContext, IsLocation, Offset);
+}
+
+/*********************************************************************
  * Ranges
  */
 
@@ -710,6 +890,11 @@ int DWA_GetRanges(DWA_CONTEXT* pContext, DWA_DIE Die, DWA_RANGE** ppaRanges, U32
   if (r != DW_DLV_OK) {
     if (r == DW_DLV_ERROR)
       _Report(pContext, Err, "dwarf_global_formref", "at_form", form);
+    dwarf_dealloc_attribute(attr);
+    return -1;
+  }
+  if (!_IsListSound(pContext, Die, form, value, false)) {
+    _ReportText(pContext, "range list", "dwarf_rnglists_get_rle_head", value);
     dwarf_dealloc_attribute(attr);
     return -1;
   }
@@ -793,6 +978,33 @@ int DWA_GetLocations(DWA_CONTEXT* pContext, DWA_DIE Die, U16 AttrCode, DWA_LOC_E
   if (r != DW_DLV_OK) {
     _Report(pContext, Err, "dwarf_attr", "attribute", AttrCode);
     return -1;
+  }
+  Dwarf_Half form = 0;
+  Err = nullptr;
+  if (dwarf_whatform(attr, &form, &Err) != DW_DLV_OK) {
+    _Report(pContext, Err, "dwarf_whatform", "attribute", AttrCode);
+    dwarf_dealloc_attribute(attr);
+    return -1;
+  }
+  if (form != DW_FORM_exprloc && form != DW_FORM_block && form != DW_FORM_block1 && form != DW_FORM_block2 &&
+      form != DW_FORM_block4) {
+    Dwarf_Off offset = 0;
+    Err = nullptr;
+    bool read = false;
+    if (form == DW_FORM_sec_offset) {
+      read = dwarf_global_formref(attr, &offset, &Err) == DW_DLV_OK;
+    } else {
+      Dwarf_Unsigned u = 0;
+      read = dwarf_formudata(attr, &u, &Err) == DW_DLV_OK;
+      offset = u;
+    }
+    if (!read && Err)
+      dwarf_dealloc_error(pContext->Dbg, Err);
+    if (!read || !_IsListSound(pContext, Die, form, offset, true)) {
+      _ReportText(pContext, "location list", "dwarf_get_loclist_c", offset);
+      dwarf_dealloc_attribute(attr);
+      return -1;
+    }
   }
   Dwarf_Loc_Head_c head = nullptr;
   Dwarf_Unsigned count = 0;

@@ -112,7 +112,7 @@ bool _IsDataTypeDie(ELF_FILE* pFile, ELF_DIE Die);
 bool _HasChildren(ELF_FILE* pFile, ELF_DIE Die);
 bool _HasAttribute(ELF_FILE* pFile, ELF_DIE Die, U16 Attr);
 
-// Attributes. The Ex form follows specification, abstract origin and definition links (depth 5).
+// Attributes. The Ex form follows DW_AT_specification, DW_AT_abstract_origin and definition links (depth 5).
 bool _CreateDieAttr(ELF_FILE* pFile, ELF_DIE Die, U16 Attr, DWA_VALUE* pValue);
 bool _CreateDieAttrEx(ELF_FILE* pFile, ELF_DIE Die, U16 Attr, DWA_VALUE* pValue, int Depth);
 U64 _GetAttributeAsU64(ELF_FILE* pFile, ELF_DIE Die, U16 Attr, bool* pFound);

@@ -145,7 +145,8 @@ TEST_P(DwarfFixture, FunctionsGlobalsTypesAndNamespacesMatchReadelf) {
   EXPECT_EQ(ListOffsets(ELF_LIST_GLOBAL_VARS), globals);
   EXPECT_EQ(ListOffsets(ELF_LIST_TYPES), types);
   EXPECT_EQ(ListOffsets(ELF_LIST_NAMESPACES), namespaces);
-  // Names as readelf shows them, through abstract origins and specifications where the DIE has none.
+  // Names as readelf shows them, through DW_AT_abstract_origin and DW_AT_specification where the DIE has
+  // none.
   for (U64 offset : functions) {
     const readelf::Die& d = m_Dies[offset];
     std::string expected = d.Name();

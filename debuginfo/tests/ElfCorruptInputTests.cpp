@@ -335,6 +335,8 @@ TEST(ElfFuzzRegressions, FoundInputsLoadOrFailCleanly) {
   const char* const kInputs[] = {
       // .debug_info claimed 3 GB beyond the file's end, and the tables were sized for it.
       "oom-debug-info-size-beyond-file",
+      // A DW_AT_location offset far outside .debug_loclists; libdwarf read from it unchecked.
+      "crash-loclist-offset-outside-section",
   };
   for (const char* sInput : kInputs) {
     SCOPED_TRACE(sInput);
