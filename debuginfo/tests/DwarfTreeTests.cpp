@@ -471,3 +471,50 @@ TEST(DwarfCpp, ClassesNamespaceAndLanguage) {
 }
 
 }  // namespace
+
+namespace {
+
+// Type units, in .debug_info (DWARF 5) and in .debug_types (DWARF 4): every unit counts, their
+// classes are in the type list, and a variable whose type is named by signature reads as that type.
+class DwarfTypeUnits : public ::testing::TestWithParam<const char*> {};
+
+TEST_P(DwarfTypeUnits, TypesComeFromTheirUnitsBySignature) {
+  int numUnits = 0;
+  for (const auto& line : readelf::ReadLines(readelf::FixturePath(std::string(GetParam()) + ".info.txt"))) {
+    if (line.find("Compilation Unit @ offset") != std::string::npos)
+      numUnits++;
+  }
+  OpenFixture fixture(GetParam());
+  ELF_FILE* pFile = fixture.pFile;
+  ASSERT_NE(pFile, nullptr);
+  EXPECT_EQ(pFile->dwarf.cuCount, (U32)numUnits);
+  EXPECT_EQ(ELF_GetDieListCount(pFile, ELF_LIST_COMP_UNITS), 2u);
+  std::set<std::string> typeNames;
+  for (U32 i = 0; i < ELF_GetDieListCount(pFile, ELF_LIST_TYPES); i++) {
+    const char* sName = _GetDieName(pFile, _GetDie(ELF_GetDieListHandle(pFile, ELF_LIST_TYPES, i)));
+    if (sName)
+      typeNames.insert(sName);
+  }
+  EXPECT_TRUE(typeNames.count("Shape"));
+  EXPECT_TRUE(typeNames.count("Rect"));
+  // main's local "shapes::Rect r".
+  ELF_SYM_HANDLE hMain = pFile->dwarf.mainSym;
+  ASSERT_NE(hMain, 0u);
+  bool found = false;
+  for (U32 i = 0; i < ELF_GetScopeListCount(pFile, hMain, ELF_SCOPE_LOCAL_VARS); i++) {
+    ELF_DIE die = _GetDie(ELF_GetScopeListHandle(pFile, hMain, ELF_SCOPE_LOCAL_VARS, i));
+    if (strcmp(_GetDieName(pFile, die), "r") != 0)
+      continue;
+    found = true;
+    EXPECT_STREQ(_GetDieTypeStr(pFile, die), "class Rect");
+    ELF_DIE type = _GetDataTypeDie(pFile, die, false);
+    ASSERT_NE(type, nullptr);
+    EXPECT_EQ(_GetDieType(pFile, type), ELF_TAG_CLASS);
+    EXPECT_GE(ELF_GetScopeListCount(pFile, _GetDwarfSymHandle(pFile, type), ELF_SCOPE_MEMBERS), 2u);
+  }
+  EXPECT_TRUE(found);
+}
+
+INSTANTIATE_TEST_SUITE_P(Fixtures, DwarfTypeUnits, ::testing::Values("cpp_tu5", "cpp_tu4"));
+
+}  // namespace

@@ -11,7 +11,8 @@
 
 namespace {
 
-const char* const kFixtures[] = {"c_O0", "c_O0_dw5", "c_O2", "c_O2_dw4", "cpp_O0", "c_be8", "c_be32"};
+const char* const kFixtures[] = {"c_O0",  "c_O0_dw5", "c_O2",    "c_O2_dw4", "cpp_O0",
+                                 "c_be8", "c_be32",   "cpp_tu5", "cpp_tu4"};
 
 class ElfFixture : public ::testing::TestWithParam<const char*> {
  protected:
