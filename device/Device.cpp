@@ -326,6 +326,25 @@ int CDevice::ScheduleMeasureCoreSpeed() {
   return ScheduleJob(&Job);
 }
 
+int CDevice::ScheduleSetConfigParam(int Param, int Value) {
+  DEVICE_JOB Job = _NewJob(JT_SET_CONFIG_PARAM);
+  Job.aParam[0] = U64(I64(Param));
+  Job.aParam[1] = U64(I64(Value));
+  return ScheduleJob(&Job);
+}
+
+int CDevice::ScheduleSetConfigParam(int Param, const char* sValue) {
+  DEVICE_JOB Job = _NewJob(JT_SET_CONFIG_PARAM);
+  Job.aParam[0] = U64(I64(Param));
+  U32 Len = sValue ? U32(strlen(sValue)) : 0;
+  // The text travels in apData[0]; an empty text still needs its terminator.
+  if (AttachJobData(&Job, 0, Len ? Len : 1, Len ? sValue : "") < 0) {
+    FreeJobData(&Job);
+    return -1;
+  }
+  return ScheduleJob(&Job);
+}
+
 // ---------------------------------------------------------------------------------------------------
 // Queue inspection, cancellation, validity and release
 

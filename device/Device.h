@@ -58,6 +58,9 @@ class CDevice : public QThread {
   int ScheduleWriteMem(U32 Addr, U32 nBytes, const U8* pData, U32 ChunkSize = 0, U32 AccessWidth = 0,
                        U32 Flags = 0);
   int ScheduleMeasureCoreSpeed();
+  // Device configuration: integer parameters 0..14 by number, text parameters 16..19 by text.
+  int ScheduleSetConfigParam(int Param, int Value);
+  int ScheduleSetConfigParam(int Param, const char* sValue);
 
   // Waits for the oldest pending job of Type. 1 when there is none, 0 when it finished, -1 on time-out
   // (the job goes on and its event still arrives). TimeoutMS -1 takes the type's default limit.

@@ -153,6 +153,11 @@ QStringList CCommandConsole::BuildCommandTable() {
       continue;
     }
     Lines.insert(sName, _TableLine(sName, Row.sParams, Row.sHotkey.trimmed(), Row.sStatusTip.trimmed()));
+    // An alias runs the same row, so it is listed under its own name too.
+    QString sAlias = GetAliasName(Id);
+    if (!sAlias.isEmpty()) {
+      Lines.insert(sAlias, _TableLine(sAlias, Row.sParams, Row.sHotkey.trimmed(), Row.sStatusTip.trimmed()));
+    }
   }
   QStringList Table;
   Table << _TableLine("Command", "Arguments", "Hotkey", "Description");

@@ -300,6 +300,11 @@ TEST(CommandTable, ColumnsStartAt29And52And68AndRowsAreSorted) {
   QStringList Sorted = Names;
   std::sort(Sorted.begin(), Sorted.end());
   EXPECT_EQ(Names, Sorted);
-  EXPECT_FALSE(Names.contains("Watch.Add"));  // rows that don't echo are not listed
+  EXPECT_FALSE(Names.contains("Watch.Add"));  // rows that don't echo are not listed, nor their aliases
+  EXPECT_FALSE(Names.contains("Watch"));
+  EXPECT_TRUE(Names.contains("Window.SetNumberBase"));  // aliases are listed under their own name
+  EXPECT_TRUE(Names.contains("Window.SetDisplayFormat"));
   EXPECT_EQ(Names.removeDuplicates(), 0);
+  // 141 rows have a prototype; two of them don't echo; five of those left have an alias.
+  EXPECT_EQ(Names.size(), 139 + 5);
 }
