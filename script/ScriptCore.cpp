@@ -11,6 +11,8 @@
 #include <cstring>
 #include <new>
 
+using namespace ScriptInternal;
+
 namespace {
 
 // Everything a call or a nested run changes and must give back.

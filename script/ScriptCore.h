@@ -7,7 +7,8 @@
 #include "app/base/Types.h"
 
 // All memory of one script: the context at the start, then an arena used from both ends. The host
-// allocates the block (zeroed or not) and keeps it alive while the context is in use.
+// allocates the block (zeroed or not, aligned as any heap block is) and keeps it alive while the
+// context is in use, and never frees it while a run is under way.
 constexpr U32 SCRIPT_HEAP_SIZE = 1000000;
 // Entries of the argument array of one call; a header with more parameters is refused.
 constexpr int SCRIPT_MAX_ARGS = 15;

@@ -6,6 +6,8 @@
 #include <cstring>
 #include <new>
 
+namespace ScriptInternal {
+
 /*********************************************************************
  *
  *       Errors
@@ -429,3 +431,5 @@ int _SkipBraces(CTrans* p, const char* sMissingOpen) {
   }
   return 0;
 }
+
+}  // namespace ScriptInternal

@@ -6,6 +6,9 @@
 
 #include "script/ScriptCore.h"
 
+// A namespace of their own keeps these short helper names from meeting other modules' at link time.
+namespace ScriptInternal {
+
 constexpr size_t kScriptAlign = 8;
 
 // A reading position: where a loop turn or a function body starts again.
@@ -63,3 +66,5 @@ int _ReadNumber(CTrans* p, I64* pValue);
 int _ReadStringLiteral(CTrans* p, SCRIPT_SYMBOL** ppSym);
 bool _IsStringLiteral(const CTrans* p, const SCRIPT_SYMBOL* pSym);
 int _SkipBraces(CTrans* p, const char* sMissingOpen);
+
+}  // namespace ScriptInternal
