@@ -373,12 +373,21 @@ void TARVIKARM_Close(void) {
   if (S.TraceStarted) {
     S.pBackend->StopTrace();
   }
+  // A closing probe takes its breakpoints out of the target; Connect puts them back.
+  for (BREAKPOINT& Bp : S.aBreakpoints) {
+    if (Bp.ImpFlags) {
+      S.pBackend->ClearBreakpoint(Bp.Addr, (Bp.ImpFlags & 1) != 0);
+    }
+    Bp.ImpFlags = 0;
+  }
+  if (S.IsConnected) {
+    for (const DATA_EVENT& Ev : S.aDataEvents) {
+      S.pBackend->ClearWatchpoint(Ev.Watch);
+    }
+  }
   S.pBackend->Close();
   S.HSSStarted = S.TraceStarted = S.SWOEnabled = false;
   S.Mct.Stop();
-  for (BREAKPOINT& Bp : S.aBreakpoints) {
-    Bp.ImpFlags = 0;
-  }
   S.IsOpen = S.IsConnected = false;
   S.pBackend = nullptr;
   S.pDevice = nullptr;
@@ -401,6 +410,7 @@ int TARVIKARM_Connect(void) {
     PROBE_Error("Connect: %s", sError.c_str());
     return -1;
   }
+  bool WasConnected = S.IsConnected;
   S.IsConnected = true;
   // Breakpoints set before the connection are armed now; data events likewise.
   for (BREAKPOINT& Bp : S.aBreakpoints) {
@@ -409,7 +419,9 @@ int TARVIKARM_Connect(void) {
     }
   }
   for (const DATA_EVENT& Ev : S.aDataEvents) {
-    S.pBackend->SetWatchpoint(Ev.Watch);
+    if (!WasConnected) {
+      S.pBackend->SetWatchpoint(Ev.Watch);
+    }
   }
   return 0;
 }

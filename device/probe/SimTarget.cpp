@@ -689,6 +689,9 @@ U32 CSimTarget::_Reg(int UcReg) {
 }
 
 void CSimTarget::_SetReg(int UcReg, U32 Value) {
+  if (UcReg == UC_ARM_REG_PC) {
+    Value |= 1;  // the emulator takes the Thumb state (xPSR.T) from bit 0 of a PC write
+  }
   uc_reg_write(_pUc, UcReg, &Value);
 }
 
