@@ -28,6 +28,11 @@ class CMctHost {
   // An address from "SetMCTAddr"; 0 forgets it, so Start searches the RAM.
   void SetAddr(U32 Addr) { _UserAddr = Addr; }
   U32 GetAddr() const { return _UserAddr; }
+  // The RAM range in which rings must lie; Start sets it too.
+  void SetRAM(U32 RAMAddr, U32 RAMSize) {
+    _RAMAddr = RAMAddr;
+    _RAMSize = RAMSize;
+  }
   // Checks the block at Addr: 0, or -1 with sError naming the problem.
   int Validate(U32 Addr, const MCT_READ_FUNC& pfRead, std::string& sError) const;
   int Start(U32 RAMAddr, U32 RAMSize, const MCT_READ_FUNC& pfRead, std::string& sError);

@@ -516,6 +516,7 @@ int TARVIKARM_ExecCommand(const char* sCmd, char* sOut, int OutSize) {
       return Fail("SetMCTAddr: invalid address \"" + sValue + "\"");
     }
     if (_CanAccessMemory()) {
+      S.Mct.SetRAM(S.pDevice->RAMAddr, S.pDevice->RAMSize);
       std::string sError;
       if (S.Mct.Validate(Addr, _MemReadAll, sError) != 0) {
         return Fail("SetMCTAddr: " + sError);
