@@ -292,6 +292,23 @@ int CDevice::ScheduleReadRegs(U32 Cnt, const U32* paRegIdx) {
   return ScheduleJob(&Job);
 }
 
+int CDevice::ScheduleReadCPReg(const ARM_CPR& Reg) {
+  DEVICE_JOB Job = _NewJob(JT_READ_CP_REG);
+  if (AttachJobData(&Job, 0, sizeof(ARM_CPR), &Reg) < 0) {
+    return -1;
+  }
+  return ScheduleJob(&Job);
+}
+
+int CDevice::ScheduleWriteCPReg(const ARM_CPR& Reg, U32 Value) {
+  DEVICE_JOB Job = _NewJob(JT_WRITE_CP_REG);
+  Job.aParam[0] = Value;
+  if (AttachJobData(&Job, 0, sizeof(ARM_CPR), &Reg) < 0) {
+    return -1;
+  }
+  return ScheduleJob(&Job);
+}
+
 int CDevice::ScheduleReadMem(U32 Addr, U32 nBytes, U32 ChunkSize, U32 AccessWidth, U32 Flags) {
   DEVICE_JOB Job = _NewJob(JT_READ_MEM);
   Job.aParam[0] = Addr;

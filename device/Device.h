@@ -54,6 +54,8 @@ class CDevice : public QThread {
   int ScheduleReadReg(U32 RegIdx);
   int ScheduleWriteReg(U32 RegIdx, U32 Value);
   int ScheduleReadRegs(U32 Cnt, const U32* paRegIdx);
+  int ScheduleReadCPReg(const ARM_CPR& Reg);
+  int ScheduleWriteCPReg(const ARM_CPR& Reg, U32 Value);
   int ScheduleReadMem(U32 Addr, U32 nBytes, U32 ChunkSize = 0, U32 AccessWidth = 0, U32 Flags = 0);
   int ScheduleWriteMem(U32 Addr, U32 nBytes, const U8* pData, U32 ChunkSize = 0, U32 AccessWidth = 0,
                        U32 Flags = 0);
