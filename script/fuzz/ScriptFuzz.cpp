@@ -9,9 +9,14 @@
 
 namespace {
 
-I32 _Log(const SCRIPT_API_CALL* pCall) { return ScriptGetString(pCall->pContext, pCall->paArg[0]) ? 0 : -1; }
+I32 _Log(const SCRIPT_API_CALL* pCall) {
+  return ScriptGetString(pCall->pContext, pCall->paArg[0]) ? 0 : -1;
+}
 
-I32 _Read(const SCRIPT_API_CALL* pCall) { return static_cast<I32>(pCall->paArg[0] * 3); }
+// Arguments are raw 64-bit values: a native converts them to its parameter's width before it computes.
+I32 _Read(const SCRIPT_API_CALL* pCall) {
+  return static_cast<I32>(static_cast<U32>(pCall->paArg[0]) * 3u);
+}
 
 I32 _Sum(const SCRIPT_API_CALL* pCall) {
   U64 Sum = 0;
@@ -42,8 +47,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pData, size_t Size) {
   ScriptAddApiFunction(p, "__api__ int Util.Log (const char* sText);", _Log, nullptr);
   ScriptAddApiFunction(p, "__api__ int Target.ReadU32 (unsigned int Address);", _Read, nullptr);
   ScriptAddApiFunction(p, "__api__ int Test.Sum (int a, int b, int c);", _Sum, nullptr);
-  ScriptAddApiFunction(p, "__api__ int Test.Sum9 (int a int b int c int d int e int f int g int h int i);", _Sum,
-                       nullptr);
+  ScriptAddApiFunction(p, "__api__ int Test.Sum9 (int a int b int c int d int e int f int g int h int i);",
+                       _Sum, nullptr);
   ScriptAddApiFunction(p, "__api__ int Test.Run (const char* sName);", _RunNested, nullptr);
   ScriptAddApiFunction(p, "__api__ int Test.Stop (void);", _Stop, nullptr);
   ScriptAddConstant(p, "SEVEN", 7);

@@ -66,7 +66,8 @@ const VALUE_CASE _aValueCases[] = {
     {"4294967296 * 4294967296", 0},
     {"TEST_SEVEN * 2", 14},
     {"TEST_MINUS_ONE", -1},
-    {"Test.Echo(-1)", -1},  // a native's 32-bit result is widened with its sign
+    {"Test.Echo(0x123456789ABCDEF0FF)", -1126240001},  // low 64 bits to the native, low 32 bits back
+    {"Test.Echo(-1)", -1},                             // a native's 32-bit result is widened with its sign
     {"Test.Echo(0x7FFFFFFF) + 1", 0x80000000LL},
     {"Target.ReadU32(0x20000000) + 4", 0x104},
     {"Test.Sum8(1, 2, 3, 4, 5, 6, 7, 8)", 36},
