@@ -89,6 +89,11 @@ CDevice::CDevice()
   for (int q = 0; q < kNumQueueSlots; ++q) {
     memset(_paRing[q].aJob, 0, sizeof(_paRing[q].aJob));
   }
+  for (auto& Reg : _aRegs) {
+    Reg.store(-1);
+  }
+  _ResetHWCapabilityFlags();
+  _sTarvikSettings = ConfigToXml(_Config);
   _pInstance.store(this);
   start();
 }
@@ -559,8 +564,13 @@ int CDevice::WaitForJobThenPump(U32 Type, bool PumpEvents) {
 void CDevice::run() {
   setPriority(QThread::LowestPriority);
   const TARVIK_API& Api = GetTarvikApi();
-  char ac[64];
-  snprintf(ac, sizeof(ac), "Probe layer version %u", unsigned(Api.TARVIKARM_GetDLLVersion()));
+  _LibVersion = Api.TARVIKARM_GetDLLVersion();
+  TARVIK_DEVICE_INFO Info;
+  memset(&Info, 0, sizeof(Info));
+  Info.SizeOfStruct = sizeof(Info);
+  _SupportedDevCnt = Api.TARVIKARM_DEVICE_GetInfo(-1, nullptr);
+  char ac[96];
+  snprintf(ac, sizeof(ac), "Probe layer version %u, %d devices", unsigned(_LibVersion), _SupportedDevCnt);
   LogMessage(ac, MSG_INFO | MSG_TO_STDOUT | MSG_TO_LOGFILE);
   while (!_StopFlag.load()) {
     int Steps;
@@ -577,19 +587,12 @@ void CDevice::run() {
     }
   }
   QMutexLocker Lock(&_DeviceMutex);
+  _Disconnect();  // clears breakpoints unless the connection was lost, and closes the probe
   const TARVIK_API& Probe = GetTarvikApi();
-  if (_Connected.load()) {
-    // A lost connection skips this: the target can no longer be told anything.
-    Probe.TARVIKARM_ClrBPEx(0xFFFFFFFF);
-    Probe.TARVIKARM_ClrDataEvent(0xFFFFFFFF);
-  }
   if (Probe.TARVIKARM_IsOpen()) {
     Probe.TARVIKARM_Close();
   }
-  _Connected = false;
-  _Halted = false;
-  _HaltCertain = false;
-  _StateValid = false;
+  _ResetState();
 }
 
 int CDevice::_SchedulerPass() {
@@ -667,7 +670,8 @@ void CDevice::_Complete(DEVICE_JOB* pJob, int ReturnCode) {
     return;
   }
   if (Type == JT_RESET || _IsStepJob(Type)) {
-    pJob->aResult[0] = _StateValid.load() ? I64(_PC.load()) : 0;
+    I64 PC = _aRegs[REG_PC].load();
+    pJob->aResult[0] = PC > 0 ? PC : 0;
   }
   if (Type == JT_HALT || Type == JT_RUN_TO) {
     ReleaseJob(pJob);  // the halt sequence tells the outcome
@@ -677,8 +681,8 @@ void CDevice::_Complete(DEVICE_JOB* pJob, int ReturnCode) {
     ReleaseJob(pJob);  // the step goes on as a run to a hidden breakpoint
     return;
   }
-  if (Type == JT_WRITE_REG) {
-    _UpdatePC();
+  if (Type == JT_WRITE_REG && pJob->Status == JOB_STATUS_DONE) {
+    _UpdateTargetExecState();
   }
   if (Type < 64 && JobEventMuted[Type]) {
     ReleaseJob(pJob);
@@ -694,370 +698,4 @@ void CDevice::_Complete(DEVICE_JOB* pJob, int ReturnCode) {
   // Clearing the pending bit releases a waiter; the release mutex keeps the main thread from zeroing
   // the record before this last write.
   _FlagsOf(pJob).fetch_and(~JOB_FLAG_PENDING);
-}
-
-// ---------------------------------------------------------------------------------------------------
-// Halt and notification tests between jobs
-
-void CDevice::_CheckHandleNotifications() {}
-
-void CDevice::_UpdatePC() {
-  if (!_Connected.load()) {
-    _StateValid = false;
-    return;
-  }
-  _PC = GetTarvikApi().TARVIKARM_ReadReg(GetPCRegIndex());
-  _StateValid = true;
-}
-
-void CDevice::_OnConnectionLost() {
-  LogMessage("Connection to target lost", MSG_ERROR | MSG_TO_ALL);
-  _Connected = false;
-  _Halted = false;
-  _HaltCertain = false;
-  _StateValid = false;
-  CancelPendingJobs(JT_ANY, JOB_QUEUE_ALL);
-  PostDeviceEvent(DEV_EVENT_CONNECTION_LOST, 0, 0);
-}
-
-void CDevice::_CheckHandleHalt() {
-  if (!_Connected.load() || _Halted.load()) {
-    return;
-  }
-  U64 Now = _NowMS();
-  if (Now - _LastHaltPollMS < 5) {
-    return;
-  }
-  _LastHaltPollMS = Now;
-  I8 r = GetTarvikApi().TARVIKARM_IsHalted();
-  if (r < 0) {
-    _OnConnectionLost();
-  } else if (r > 0) {
-    _Halted = true;
-    _HaltCertain = true;
-    _UpdatePC();
-    ReportJobDone(JT_HALT, JOB_STATUS_DONE, HR_HALT, I64(_PC.load()), 0);
-  }
-}
-
-void CDevice::_CheckHandleResume() {
-  if (!_Connected.load() || !_Halted.load()) {
-    return;
-  }
-  U64 Now = _NowMS();
-  if (Now - _LastHaltPollMS < 20) {
-    return;
-  }
-  _LastHaltPollMS = Now;
-  I8 r = GetTarvikApi().TARVIKARM_IsHalted();
-  if (r < 0) {
-    _OnConnectionLost();
-  } else if (r == 0) {
-    // Resumed from outside (another debugger, a script of the probe): tell the session.
-    _Halted = false;
-    _HaltCertain = false;
-    ReportJobDone(JT_CONTINUE, JOB_STATUS_DONE, GO_USER, 0, 0);
-  }
-}
-
-// ---------------------------------------------------------------------------------------------------
-// The operations behind the job types
-
-int CDevice::_Execute(DEVICE_JOB* pJob) {
-  switch (pJob->Type) {
-    case JT_CONNECT:
-      return _Connect(CONNECT_MODES(pJob->aParam[0]));
-    case JT_DISCONNECT:
-      return _Disconnect();
-    case JT_RESET:
-      return _Reset(RESET_MODES(pJob->aParam[0]));
-    case JT_HALT:
-      return _Halt();
-    case JT_CONTINUE:
-      return _Continue(RESUME_MODES(pJob->aParam[0]));
-    case JT_STEP_INST:
-      return _StepInstBasic();
-    case JT_EXEC_TARVIK_CMD:
-      return _ExecTarvikCmd(pJob);
-    case JT_SET_BP:
-      return _SetBreakpoint(U32(pJob->aParam[0]));
-    case JT_CLEAR_BP:
-      return _ClearBreakpoint(U32(pJob->aParam[0]));
-    case JT_CLEAR_ALL_BPS:
-      return _ClearAllBreakpoints();
-    case JT_READ_REG:
-      return _ReadReg(pJob);
-    case JT_WRITE_REG:
-      return _WriteReg(pJob);
-    case JT_READ_REGS:
-      return _ReadRegs(pJob);
-    case JT_READ_MEM:
-      return _ReadMem(pJob);
-    case JT_WRITE_MEM:
-      return _WriteMem(pJob);
-    case JT_MEASURE_CORE_SPEED:
-      return _MeasureCoreSpeed(pJob);
-    case JT_STEP_INTO:
-    case JT_STEP_OVER:
-    case JT_STEP_OUT:
-    case JT_RUN_TO:
-    case JT_SET_BPS:
-    case JT_CLEAR_BPS:
-    case JT_RESET_BPS:
-    case JT_SET_WPS:
-    case JT_CLEAR_WPS:
-    case JT_CLEAR_ALL_WPS:
-    case JT_READ_CP_REG:
-    case JT_WRITE_CP_REG:
-    case JT_END_DOWNLOAD:
-    case JT_WRITE_MEM_MULTIPLE:
-    case JT_RESET_TARGET_EXEC_STATE:
-    case JT_SET_TARGET_EXEC_STATE:
-    case JT_READ_LOCATION:
-    case JT_READ_LOCS:
-    case JT_WRITE_LOCATION:
-    case JT_SET_SH_INPUT_TEXT:
-    case JT_DISASS_INSTS:
-    case JT_DISASS_INSTRS_EX:
-    case JT_DISASS_ARANGES:
-    case JT_ENABLE_SIMPLE_TRACE:
-    case JT_DISABLE_SIMPLE_TRACE:
-    case JT_START_SIMPLE_TRACE:
-    case JT_STOP_SIMPLE_TRACE:
-    case JT_READ_SIMPLE_TRACE:
-    case JT_READ_INST_STATS:
-    case JT_FLUSH_STRACE_BUFFER:
-    case JT_START_SWO_TRACE:
-    case JT_STOP_SWO_TRACE:
-    case JT_READ_SWO_TRACE:
-    case JT_SWO_GET_COMPAT_SPEEDS:
-    case JT_START_MCT:
-    case JT_STOP_MCT:
-    case JT_FLUSH_MCT:
-    case JT_READ_MCT:
-    case JT_WRITE_MCT:
-    case JT_START_HSS:
-    case JT_STOP_HSS:
-    case JT_READ_HSS:
-    case JT_CONFIGURE:
-    case JT_SET_CONFIG_PARAM:
-    case JT_GET_DEVICE_INFO:
-      return _NotAvailable(pJob);
-    default: {
-      char ac[96];
-      snprintf(ac, sizeof(ac), "Scheduler encountered unknown job type %d", int(pJob->Type));
-      _LogWarning(ac);
-      return -1;
-    }
-  }
-}
-
-int CDevice::_NotAvailable(DEVICE_JOB* pJob) {
-  char ac[128];
-  snprintf(ac, sizeof(ac), "%s: not available", JobTypeToName(pJob->Type));
-  _LogWarning(ac);
-  return -1;
-}
-
-int CDevice::_ConnectSimple() {
-  const TARVIK_API& Api = GetTarvikApi();
-  const char* sError = Api.TARVIKARM_Open();
-  if (sError != nullptr) {
-    char ac[600];
-    snprintf(ac, sizeof(ac), "Open: TARVIK API call failed with error message: %s", sError);
-    LogMessage(ac, MSG_ERROR | MSG_TO_ALL);
-    return -1;
-  }
-  if (Api.TARVIKARM_Connect() != 0) {
-    return -1;
-  }
-  _Connected = true;
-  I8 Halted = Api.TARVIKARM_IsHalted();
-  _Halted = Halted > 0;
-  _HaltCertain = Halted > 0;
-  _UpdatePC();
-  return 0;
-}
-
-int CDevice::_Connect(CONNECT_MODES Mode) {
-  if (Mode == CM_BARE) {
-    return _ConnectSimple();
-  }
-  _Disconnect();
-  return _ConnectSimple();
-}
-
-int CDevice::_Disconnect() {
-  if (!_Connected.load()) {
-    return 0;
-  }
-  _AboutTo(DEV_EVENT_ABOUT_TO_DISCONNECT);
-  GetTarvikApi().TARVIKARM_Close();
-  _Connected = false;
-  _Halted = false;
-  _HaltCertain = false;
-  _StateValid = false;
-  return 0;
-}
-
-int CDevice::_Reset(RESET_MODES Mode) {
-  if (!_Connected.load()) {
-    return -1;
-  }
-  const TARVIK_API& Api = GetTarvikApi();
-  if (Api.TARVIKARM_Reset() != 0) {
-    return -1;
-  }
-  I8 Halted = Api.TARVIKARM_IsHalted();
-  _Halted = Halted > 0;
-  _HaltCertain = Halted > 0;
-  _UpdatePC();
-  return 0;
-}
-
-int CDevice::_Halt() {
-  if (!_Connected.load()) {
-    return -1;
-  }
-  if (GetTarvikApi().TARVIKARM_Halt() != 0) {
-    return -1;
-  }
-  _Halted = true;
-  _HaltCertain = true;
-  _UpdatePC();
-  ReportJobDone(JT_HALT, JOB_STATUS_DONE, HR_HALT, I64(_PC.load()), 0);
-  return 0;
-}
-
-int CDevice::_Continue(RESUME_MODES Mode) {
-  if (!_Connected.load()) {
-    return -1;
-  }
-  GetTarvikApi().TARVIKARM_GoEx(0, 1);
-  _Halted = false;
-  _HaltCertain = false;
-  return 0;
-}
-
-int CDevice::_StepInstBasic() {
-  if (!_Connected.load() || !_Halted.load()) {
-    return -1;
-  }
-  if (GetTarvikApi().TARVIKARM_Step() != 0) {
-    return -1;
-  }
-  _UpdatePC();
-  return 0;
-}
-
-int CDevice::_ExecTarvikCmd(DEVICE_JOB* pJob) {
-  if (pJob->apData[1] == nullptr || pJob->aDataLen[1] < 2) {
-    return -1;
-  }
-  char* sOut = reinterpret_cast<char*>(pJob->apData[1]);
-  int OutSize = int(pJob->aDataLen[1] - 1);
-  sOut[0] = 0;
-  int r = GetTarvikApi().TARVIKARM_ExecCommand(reinterpret_cast<const char*>(pJob->apData[0]), sOut, OutSize);
-  sOut[OutSize] = 0;
-  pJob->aResult[0] = r;
-  return (r < 0 || sOut[0] != 0) ? -1 : 0;
-}
-
-int CDevice::_SetBreakpoint(U32 Addr) {
-  if (!_Connected.load()) {
-    return -1;
-  }
-  return GetTarvikApi().TARVIKARM_SetBPEx(Addr, 0) != 0 ? 0 : -1;
-}
-
-int CDevice::_ClearBreakpoint(U32 Addr) {
-  if (!_Connected.load()) {
-    return -1;
-  }
-  const TARVIK_API& Api = GetTarvikApi();
-  int Count = Api.TARVIKARM_GetBPInfoEx(-1, nullptr);
-  for (int i = 0; i < Count; ++i) {
-    TARVIK_BP_INFO Info;
-    memset(&Info, 0, sizeof(Info));
-    Info.SizeOfStruct = sizeof(Info);
-    if (Api.TARVIKARM_GetBPInfoEx(i, &Info) >= 0 && Info.Addr == Addr && Info.Handle != 0) {
-      return Api.TARVIKARM_ClrBPEx(Info.Handle) == 0 ? 0 : -1;
-    }
-  }
-  return -1;
-}
-
-int CDevice::_ClearAllBreakpoints() {
-  if (!_Connected.load()) {
-    return -1;
-  }
-  return GetTarvikApi().TARVIKARM_ClrBPEx(0xFFFFFFFF) == 0 ? 0 : -1;
-}
-
-int CDevice::_ReadReg(DEVICE_JOB* pJob) {
-  if (!_Connected.load()) {
-    return -1;
-  }
-  pJob->aResult[0] = I64(GetTarvikApi().TARVIKARM_ReadReg(U32(pJob->aParam[0])));
-  return 0;
-}
-
-int CDevice::_WriteReg(DEVICE_JOB* pJob) {
-  if (!_Connected.load()) {
-    return -1;
-  }
-  return GetTarvikApi().TARVIKARM_WriteReg(U32(pJob->aParam[0]), U32(pJob->aParam[1])) == 0 ? 0 : -1;
-}
-
-int CDevice::_ReadRegs(DEVICE_JOB* pJob) {
-  U32 Cnt = U32(pJob->aParam[0]);
-  if (!_Connected.load() || Cnt == 0 || Cnt > 63 || pJob->apData[1] == nullptr ||
-      pJob->aDataLen[0] < Cnt * sizeof(U32) || pJob->aDataLen[1] < Cnt * sizeof(I64)) {
-    return -1;
-  }
-  U32 aData[63];
-  U8 aStatus[63];
-  const U32* paIdx = reinterpret_cast<const U32*>(pJob->apData[0]);
-  I64* paOut = reinterpret_cast<I64*>(pJob->apData[1]);
-  if (GetTarvikApi().TARVIKARM_ReadRegs(paIdx, aData, aStatus, Cnt) != 0) {
-    return -1;
-  }
-  for (U32 i = 0; i < Cnt; ++i) {
-    paOut[i] = aStatus[i] == 0 ? I64(aData[i]) : -1;
-  }
-  return 0;
-}
-
-int CDevice::_ReadMem(DEVICE_JOB* pJob) {
-  U32 Addr = U32(pJob->aParam[0]);
-  U32 nBytes = U32(pJob->aParam[1]);
-  if (!_Connected.load() || pJob->apData[0] == nullptr || pJob->apData[1] == nullptr ||
-      pJob->aDataLen[0] < nBytes || pJob->aDataLen[1] < nBytes) {
-    return -1;
-  }
-  int r = GetTarvikApi().TARVIKARM_ReadMemEx(Addr, nBytes, pJob->apData[0], U32(pJob->aParam[3]));
-  U8 Status = (r == int(nBytes)) ? 0 : 1;
-  memset(pJob->apData[1], Status, nBytes);
-  return r < 0 ? -1 : 0;
-}
-
-int CDevice::_WriteMem(DEVICE_JOB* pJob) {
-  U32 nBytes = U32(pJob->aParam[1]);
-  if (!_Connected.load() || pJob->aDataLen[0] < nBytes) {
-    return -1;
-  }
-  int r = GetTarvikApi().TARVIKARM_WriteMemEx(U32(pJob->aParam[0]), nBytes, pJob->apData[0],
-                                              U32(pJob->aParam[3]));
-  return r == int(nBytes) ? 0 : -1;
-}
-
-int CDevice::_MeasureCoreSpeed(DEVICE_JOB* pJob) {
-  if (!_Connected.load()) {
-    return -1;
-  }
-  // The measurement works in the device's RAM; which RAM comes with the device information.
-  const U32 RAMAddr = 0x20000000;
-  int r = GetTarvikApi().TARVIKARM_MeasureCPUSpeedEx(RAMAddr, 1, 1);
-  pJob->aResult[0] = r;
-  return r > 0 ? 0 : -1;
 }

@@ -12,6 +12,7 @@
 #include <memory>
 
 #include "app/base/Types.h"
+#include "device/DeviceConfig.h"
 #include "device/DeviceJob.h"
 #include "device/RunControl.h"
 
@@ -22,6 +23,18 @@ class CDevice : public QThread {
   static constexpr int kNumQueues = 3;
   static constexpr int kMaxStepsPerPass = 100;
   static constexpr int kWakeUpMS = 50;
+  static constexpr U32 kNumCachedRegs = 30;
+  static constexpr int kNumHWCaps = 7;
+  // Areas of the stored error texts.
+  enum : int { ERR_AREA_GENERAL = 0, ERR_AREA_TRACE = 1, ERR_AREA_MEMORY = 2, ERR_AREA_COUNT = 3 };
+  // Flags of a memory request.
+  enum : U32 {
+    MEM_FLAG_READ_HW = 2,
+    MEM_FLAG_NO_CACHE = 4,
+    MEM_FLAG_ITEM_WISE_AFTER_SHORT = 8,
+    MEM_FLAG_HALT_FOR_ACCESS = 16,
+    MEM_FLAG_DOWNLOAD = 32,
+  };
 
   // The device, created and started on first use.
   static CDevice* Instance();
@@ -91,13 +104,71 @@ class CDevice : public QThread {
 
   // Target state, written only by the device thread, read without a lock elsewhere.
   bool IsConnected() const { return _Connected.load(); }
+  bool IsConnLost() const { return _ConnLost.load(); }
   bool IsHalted() const { return _Halted.load(); }
-  bool IsHaltCertain() const { return _HaltCertain.load(); }
+  bool IsRunning() const { return _Running.load(); }
+  // The halt is certain when it has been seen and evaluated and nothing has moved the target since.
+  bool IsHaltCertain() const { return _Halted.load() && _StateValid.load(); }
   bool IsStateValid() const { return _StateValid.load(); }
-  bool IsSrcStepRunning() const { return _SrcStepRunning.load(); }
-  U32 GetPC() const { return _PC.load(); }
-  // The probe's register index of the PC in the current mode.
-  U32 GetPCRegIndex() const { return REG_PC; }
+  bool IsSessionReady() const { return _SessionReady.load(); }
+  bool IsResetDone() const { return _ResetDone.load(); }
+  bool IsSrcStepRunning() const { return _SrcStepActive.load(); }
+  U32 GetPC() const { return U32(_aRegs[REG_PC].load()); }
+  // A logical register from the cache; -1 when unknown.
+  I64 GetRegVal(U32 Logical) const { return Logical < kNumCachedRegs ? _aRegs[Logical].load() : -1; }
+  U32 GetCPUMode() const { return _CPUMode.load(); }
+  U32 GetExecMode() const { return _ExecMode.load(); }
+  int GetCoreFamily() const { return _CoreFamily.load(); }
+  U32 GetCoreId() const { return _CoreId.load(); }
+  U32 GetTIFSpeed() const { return _TIFSpeed.load(); }
+  U32 GetCoreClock() const { return _CoreClock.load(); }
+  bool GetHWCap(int Index) const { return Index >= 0 && Index < kNumHWCaps && _aHWCap[Index].load(); }
+  QString GetCoreName() const;
+  QString GetErrorMsg(int Area) const;
+  DEV_CONFIG GetConfig() const;
+  // The configuration as the XML text of the settings dialogs and project files.
+  QString GetTarvikSettings() const;
+  // The probe's register index of the PC in the current mode: 15 on Cortex-M, 9 on ARM cores.
+  U32 GetPCRegIndex() const { return IsARMFamily(_CoreFamily.load()) ? 9u : U32(REG_PC); }
+  // The probe's index of a logical register in a mode (kCurrentCPUMode for the current one), or -1.
+  int GetTarvikRegIdx(U32 Logical, U32 Mode = 170) const;
+
+  // Halted as far as can be told without waiting: the flag, or a fresh probe query at most every 50 ms.
+  bool IsTargetHalted();
+  // Memory can be read now: connected, and halted or with background memory access.
+  bool CanAccessMemory();
+  // Semihosting calls are served (on) or passed over (off).
+  void SetSemihostingEnabled(bool On) { _SemihostingEnabled = On; }
+  bool IsSemihostingEnabled() const { return _SemihostingEnabled.load(); }
+
+  // Memory and registers. They run as jobs on the device thread, and are also called directly by other
+  // threads while the target is halted or has background access (the probe layer serialises the calls).
+  int ValidateMemoryAccessParams(bool Read, U32 Addr, U32 nBytes, I8 AW, const U8* pData, const U8* pStatus);
+  int ReadMem(U32 Addr, U32 nBytes, U32 ChunkSize, I8 AW, U32 Flags, U8* paData, U8* paStatus);
+  int ReadMemSimple(U32 Addr, U32 nBytes, I8 AW, U32 Flags, U8* paData, U8* paStatus);
+  int ReadMemItemWise(U32 Addr, U32 nBytes, I8 AW, U32 Flags, U8* paData, U8* paStatus);
+  int ReadMemChunkWise(U32 Addr, U32 nBytes, U32 ChunkSize, I8 AW, U32 Flags, U8* paData, U8* paStatus);
+  int WriteMem(U32 Addr, U32 nBytes, U32 ChunkSize, I8 AW, U32 Flags, const U8* paData);
+  int WriteMemSimple(U32 Addr, U32 nBytes, I8 AW, const U8* paData);
+  int WriteMemItemWise(U32 Addr, U32 nBytes, I8 AW, const U8* paData);
+  int WriteMemChunkWise(U32 Addr, U32 nBytes, U32 ChunkSize, I8 AW, U32 Flags, const U8* paData);
+  int WriteMemMultiple(U32 Cnt, const U32* paAddrRanges, U32 NumBytes, const U8* paData, U32 ChunkSize, I8 AW,
+                       U32 Flags);
+  int ReadReg(U32 TarvikRegIdx, I64* pOutRegVal);
+  int WriteReg(U32 TarvikRegIdx, I64 RegValue);
+  int ReadRegs(U32 Cnt, const U32* paTarvikRegIdxs, I64* paOutRegVals);
+  int ReadCPR(const ARM_CPR* pReg, I64* pOutValue);
+  int WriteCPR(const ARM_CPR* pReg, U32 Value);
+  int ReadWord(U32 Addr, U32* pOutWord);
+  int ReadHalfWord(U32 Addr, U16* pOutHW);
+  void SetRegVal(int LogicalRegIdx, I64 RegVal);
+  int BeginDownload();
+  int EndDownload(bool DoHalt = false);
+
+  // Asks the session logic's follow-ups to run between jobs (all ones: none).
+  void SetPendingConnectMode(U32 Mode) { _PendingConnectMode = Mode; }
+  void SetPendingResetMode(U32 Mode) { _PendingResetMode = Mode; }
+  void SetPendingInitPC() { _PendingInitPC = true; }
 
   // Asks the thread to stop at the end of the current pass and wakes it.
   void RequestStop();
@@ -135,32 +206,66 @@ class CDevice : public QThread {
   bool _IsRingElement(const DEVICE_JOB* pJob) const;
   void _WakeUp();
 
-  // The halt and notification tests between jobs.
+  // The halt and notification tests between jobs, and the halt sequence.
+  int _PollTargetHaltStatus(U32 MinQueryIntervalMS);
   void _CheckHandleNotifications();
   void _CheckHandleHalt();
   void _CheckHandleResume();
-  void _OnConnectionLost();
-  void _UpdatePC();
+  void _OnHalted();
+  void _OnInvalidHaltStatus();
+  bool _TestConnectionLost();
+  bool _ResumeWhenSHIRQIsDiscarded(U32 Addr);
+  void _EvalBPCondAndContinueHaltSeq(U32 Addr);
+  bool _IsUserBreakpointAt(U32 Addr);
+  bool _IsSemihostingCall(U32 Addr);
+  int _WaitForHaltedOrTimeout(U64 TimeoutMS);
+  void _ResetState();
 
   // The operations behind the job types.
-  int _ConnectSimple();
+  int _Configure(const char* sXml);
+  int _SetConfigParam(int Param, I64 Value);
+  int _SetConfigParam(int Param, const char* sValue);
+  void _AfterConfigChange(int Param, I64 Value);
   int _Connect(CONNECT_MODES Mode);
+  int _ConnectSimple();
+  int _SelectHostIF();
+  void _FinishConnect(CONNECT_MODES Mode);
   int _Disconnect();
+  int _ResetHardware();
   int _Reset(RESET_MODES Mode);
+  int _FinishReset(RESET_MODES Mode);
   int _Halt();
-  int _Continue(RESUME_MODES Mode);
+  int _Continue();
   int _StepInstBasic();
-  int _ExecTarvikCmd(DEVICE_JOB* pJob);
-  int _SetBreakpoint(U32 Addr);
-  int _ClearBreakpoint(U32 Addr);
-  int _ClearAllBreakpoints();
-  int _ReadReg(DEVICE_JOB* pJob);
-  int _WriteReg(DEVICE_JOB* pJob);
-  int _ReadRegs(DEVICE_JOB* pJob);
-  int _ReadMem(DEVICE_JOB* pJob);
-  int _WriteMem(DEVICE_JOB* pJob);
-  int _MeasureCoreSpeed(DEVICE_JOB* pJob);
+  int _ExecTarvikCmd(const char* sCmd, U32 Len, char* acOut);
+  int _ExecTarvikScript(const char* sFilePath);
+  int _SetSuppressDeviceSelectionDialog(bool Suppress);
+  int _GetDeviceInfo(const char* sDevice, U32 OutSize, char* acCoreName);
+  int _MeasureCoreSpeed();
+  int _ResetTargetExecState();
+  int _SetTargetExecState(U32 Cnt, const I64* paRegVals);
+  int _UpdateTargetExecState() { return _SetTargetExecState(0, nullptr); }
+  void _UpdateRegs(U32 Cnt, const I64* paRegVals);
+  void _UpdateCPUMode(I64 CPSR);
+  void _UpdateExecMode(I64 CPSR);
+  int _UpdateDeviceInfo();
+  void _UpdateTarvikFuncPtrs();
+  void _UpdateHWCapabilityFlags();
+  void _ResetHWCapabilityFlags();
+  bool _ReadSWOTraceCapability();
+  bool _ReadStreamingTraceCapability();
+  void _UpdateEndianess();
+  void _ApplyDataEndianess(int Endian);
+  void _UpdateTIFSpeed();
+  void _SetErrorMsg(int Area, const QString& sText);
   int _NotAvailable(DEVICE_JOB* pJob);
+  int _RunMemoryJob(DEVICE_JOB* pJob);
+
+  // Device log messages, posted to the main thread as events.
+  void _LogDebugMsg(const QString& sText);
+  void _LogInfoMsg(const QString& sText);
+  void _LogWarnMsg(const QString& sText);
+  void _LogErrorMsg(const QString& sText);
 
   std::unique_ptr<RING[]> _paRing;  // kNumQueueSlots rings
   std::unique_ptr<DEVICE_JOB[]> _paCompletion;
@@ -173,16 +278,54 @@ class CDevice : public QThread {
   bool _WakePending = false;  // auto-reset: one wait consumes it
 
   std::atomic<bool> _StopFlag{false};
+
+  // Session state.
   std::atomic<bool> _Connected{false};
+  std::atomic<bool> _ConnLost{false};
   std::atomic<bool> _Halted{false};
-  std::atomic<bool> _HaltCertain{false};
   std::atomic<bool> _StateValid{false};
-  std::atomic<bool> _SrcStepRunning{false};
-  std::atomic<U32> _PC{0};
+  std::atomic<bool> _Running{true};
+  std::atomic<bool> _ResetDone{false};
+  std::atomic<bool> _HaltSeqActive{false};
+  std::atomic<bool> _SessionReady{false};
+  std::atomic<bool> _SrcStepActive{false};
+  std::atomic<bool> _HaltRequested{false};
+  std::atomic<bool> _SemihostingEnabled{false};
+  U64 _HiddenBPAddr = ~U64(0);
+  U32 _HiddenBPPurpose = 0;
+  U32 _LastResetMode = ~0u;
+  std::atomic<U32> _PendingConnectMode{~0u};
+  std::atomic<U32> _PendingResetMode{~0u};
+  std::atomic<bool> _PendingInitPC{false};
+  std::atomic<I64> _aRegs[kNumCachedRegs];
+  std::atomic<U32> _CPUMode{MODE_UND};
+  std::atomic<U32> _ExecMode{EXEC_MODE_UNKNOWN};
+  U64 _LastPollMS = 0;
+  U64 _LastHaltQueryMS = 0;
+
+  // Configuration and what the probe told about the device.
+  mutable QMutex _ConfigMutex;
+  DEV_CONFIG _Config;
+  QString _sTarvikSettings;
+  QString _sCoreName;
+  QString _asErrorMsg[ERR_AREA_COUNT];
+  std::atomic<int> _CoreFamily{DF_UNKNOWN};
+  std::atomic<U32> _CoreId{0};
+  std::atomic<U32> _DeviceRAMAddr{0};
+  std::atomic<U32> _DeviceRAMSize{0};
+  std::atomic<U32> _TIFSpeed{0};
+  std::atomic<U32> _CoreClock{0};
+  std::atomic<bool> _aHWCap[kNumHWCaps];
+  U32 _LibVersion = 0;
+  U32 _SerialNo = 0;
+  int _SupportedDevCnt = 0;
+  int _DataEndian = 0;
+  int _InstEndian = 0;
+  int (*_pfBMACapability)() = nullptr;
+  int (*_pfEndianess)() = nullptr;
   std::atomic<U64> _NextJobId{1};
   std::atomic<U64> _JobsStarted{0};
   std::atomic<U64> _JobsCancelled{0};
   std::atomic<U64> _RecordsReleased{0};
   std::atomic<U64> _RecordsPosted{0};
-  U64 _LastHaltPollMS = 0;
 };

@@ -5,6 +5,7 @@
 
 #include <QAction>
 #include <QApplication>
+#include <QElapsedTimer>
 #include <QKeyEvent>
 #include <QThread>
 
@@ -105,7 +106,13 @@ TEST_F(CommandPath, RowsFollowTheSessionStateInMenusAndCommands) {
   CDevice* pDevice = CDevice::Instance();
   ASSERT_EQ(pDevice->ScheduleConnect(CM_ATTACH_HALT), 0);  // a bare connect is not reported to windows
   pDevice->WaitForJobThenPump(JT_CONNECT, true);
-  ASSERT_TRUE(SettleDevice(5000));
+  // The first poll after the connect finds the target halted and reports it.
+  QAction* pContinue = GetAction(RowOf("Debug.Continue"));
+  QElapsedTimer Waited;
+  Waited.start();
+  while (!pContinue->isEnabled() && Waited.elapsed() < 5000) {
+    SettleDevice(10);
+  }
   EXPECT_TRUE(pStop->isEnabled());
   EXPECT_FALSE(pHalt->isEnabled());  // the scripted target starts halted
   EXPECT_TRUE(GetAction(RowOf("Debug.Continue"))->isEnabled());

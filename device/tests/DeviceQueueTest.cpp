@@ -75,10 +75,13 @@ class DeviceQueue : public ::testing::Test {
     DispatchDeviceEvents(int(kEventRingSize));
     SetTarvikApi(nullptr);
   }
-  void Connect() {
-    ASSERT_EQ(pDevice->ScheduleConnect(CM_BARE), 0);
+  // Attaches to the scripted target and waits until its halt has been seen, so that tests start from a
+  // halted target with a ready session.
+  void Connect(CONNECT_MODES Mode = CM_ATTACH_HALT) {
+    ASSERT_EQ(pDevice->ScheduleConnect(Mode), 0);
     // 1 means it had already finished.
     ASSERT_GE(pDevice->WaitForJob(JT_CONNECT, false), 0);
+    ASSERT_TRUE(PumpUntil([&] { return pDevice->IsHaltCertain(); }));
     DispatchDeviceEvents(100);
     ASSERT_TRUE(pDevice->IsConnected());
     Recorder.Calls.clear();
@@ -225,13 +228,14 @@ TEST_F(DeviceQueue, HeldStepKeyReportsOnlyTheLastStep) {
 
 TEST_F(DeviceQueue, RecordWithoutItsRequiredBufferIsNeverRunAndDoesNotStallTheQueue) {
   Connect();
+  int ExecBefore = Fake().nExec.load();
   DEVICE_JOB Job;
   memset(&Job, 0, sizeof(Job));
   Job.Type = JT_EXEC_TARVIK_CMD;  // needs the command text in apData[0]
   ASSERT_EQ(pDevice->ScheduleJob(&Job), 0);
   ASSERT_EQ(pDevice->ScheduleExecTarvikCmd("after"), 0);
   EXPECT_TRUE(PumpUntil([&] { return Recorder.Calls.contains("ExecCmdDone after"); }));
-  EXPECT_EQ(Fake().nExec.load(), 1);
+  EXPECT_EQ(Fake().nExec.load() - ExecBefore, 1);
   EXPECT_EQ(Recorder.Calls.size(), 1);
 }
 
@@ -245,6 +249,16 @@ TEST_F(DeviceQueue, HaltMadeByTheTargetIsReportedWithThePC) {
   EXPECT_TRUE(pDevice->IsHalted());
 }
 
+TEST_F(DeviceQueue, HaltIsNotReportedBeforeTheSessionIsReady) {
+  Connect(CM_BARE);  // a bare connect makes no session
+  ASSERT_EQ(pDevice->ScheduleContinue(GO_USER), 0);
+  ASSERT_TRUE(PumpUntil([&] { return !pDevice->IsHalted() && pDevice->IsRunning(); }));
+  Fake().Halted = 1;
+  ASSERT_TRUE(PumpUntil([&] { return pDevice->IsHaltCertain(); }));
+  DispatchDeviceEvents(100);
+  EXPECT_FALSE(Recorder.Calls.contains("HaltDone 0x100 0")) << Recorder.Calls.join("; ").toStdString();
+}
+
 TEST_F(DeviceQueue, LostConnectionCancelsPendingJobsAndIsReportedOnce) {
   Connect();
   ASSERT_EQ(pDevice->ScheduleContinue(GO_USER), 0);
@@ -254,7 +268,9 @@ TEST_F(DeviceQueue, LostConnectionCancelsPendingJobsAndIsReportedOnce) {
   Fake().IsHaltedResult = -1;
   Fake().Release();
   ASSERT_TRUE(PumpUntil([&] { return Recorder.Calls.contains("ConnectionLost"); }));
-  EXPECT_FALSE(pDevice->IsConnected());
+  EXPECT_TRUE(pDevice->IsConnLost());
+  EXPECT_TRUE(pDevice->IsConnected());  // formally open until the session disconnects
+  EXPECT_FALSE(pDevice->IsStateValid());
   DispatchDeviceEvents(100);
   EXPECT_EQ(Recorder.Calls.count("ConnectionLost"), 1);
 }

@@ -10,6 +10,7 @@
 #include "device/probe/TarvikApi.h"
 
 struct FAKE_PROBE {
+  std::atomic<bool> Open{false};
   std::atomic<int> Halted{1};
   std::atomic<U32> PC{0x100};
   std::atomic<int> nHalt{0};
@@ -48,6 +49,7 @@ inline FAKE_PROBE& Fake() {
 
 inline void ResetFake() {
   FAKE_PROBE& f = Fake();
+  f.Open = false;
   f.Halted = 1;
   f.PC = 0x100;
   f.nHalt = f.nStep = f.nReset = f.nExec = f.nReadReg = f.nWriteReg = 0;
@@ -58,9 +60,25 @@ inline void ResetFake() {
 inline const TARVIK_API& FakeProbeApi() {
   static TARVIK_API Api = [] {
     TARVIK_API a = TARVIK_GetAbsentApi();
-    a.TARVIKARM_Open = []() -> const char* { return nullptr; };
-    a.TARVIKARM_Close = []() {};
+    a.TARVIKARM_Open = []() -> const char* {
+      Fake().Open = true;
+      return nullptr;
+    };
+    a.TARVIKARM_Close = []() { Fake().Open = false; };
     a.TARVIKARM_Connect = []() -> int { return 0; };
+    a.TARVIKARM_SelectUSB = [](int) -> int { return 0; };
+    a.TARVIKARM_IsOpen = []() -> U8 { return Fake().Open ? 1 : 0; };
+    a.TARVIKARM_IsConnected = []() -> U8 { return Fake().Open ? 1 : 0; };
+    a.TARVIKARM_GetBPInfoEx = [](int, TARVIK_BP_INFO*) -> int { return 0; };
+    a.TARVIKARM_SetSpeed = [](U32) {};
+    a.TARVIKARM_GetSpeed = []() -> U16 { return 4000; };
+    a.TARVIKARM_ReadRegs = [](const U32* paIdx, U32* paData, U8* paStatus, U32 Cnt) -> int {
+      for (U32 i = 0; i < Cnt; ++i) {
+        paData[i] = paIdx[i] == 15 ? Fake().PC.load() : 0x1000 + paIdx[i];
+        paStatus[i] = 0;
+      }
+      return 0;
+    };
     a.TARVIKARM_IsHalted = []() -> I8 {
       int r = Fake().IsHaltedResult.load();
       return I8(r == -2 ? Fake().Halted.load() : r);
