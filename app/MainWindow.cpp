@@ -12,6 +12,7 @@
 #include <QLineEdit>
 #include <QMap>
 #include <QMenuBar>
+#include <QMessageBox>
 #include <QPlainTextEdit>
 #include <QStatusBar>
 #include <QTimer>
@@ -19,6 +20,7 @@
 #include <QVBoxLayout>
 
 #include "app/AppInfo.h"
+#include "app/TargetCommands.h"
 #include "app/actions/ActionTable.h"
 #include "app/actions/CommandConsole.h"
 #include "app/base/AppMode.h"
@@ -190,6 +192,8 @@ void CMainWindow::_ConnectActions() {
       {"Util.Log", SLOT(OnActionUtilLogTriggered())},
       {"Util.Sleep", SLOT(OnActionUtilSleepTriggered())},
       {"Exec.Command", SLOT(OnActionExecCmdTriggered())},
+      {"Exec.Connect", SLOT(OnActionExecConnectTriggered())},
+      {"Exec.Reset", SLOT(OnActionExecResetTriggered())},
       {"File.Exit", SLOT(OnActionFileExitTriggered())},
   };
   for (int Id = 0; Id < kNumActions; ++Id) {
@@ -205,6 +209,8 @@ void CMainWindow::_ConnectActions() {
     }
     Connect(pAction, SIGNAL(triggered()), this, sSlot);
   }
+  _pTargetCommands = new CTargetCommands(this);
+  _pTargetCommands->ConnectTo(this);
   CCommandConsole* pConsole = CCommandConsole::Instance();
   pConsole->LinkObject(this);
   QAction* pHelp = new QAction("List Co&mmands", this);
@@ -416,11 +422,44 @@ void CMainWindow::OnActionExecCmdTriggered() {
   }
 }
 
+void CMainWindow::OnActionExecConnectTriggered() {
+  static const int Id = _RowByName("Exec.Connect");
+  if (!CheckParamCount(Id, 0)) {
+    return;
+  }
+  CDevice* pDevice = CDevice::Instance();
+  if (pDevice->IsConnected()) {
+    SetError(Id, "already connected");
+    return;
+  }
+  if (pDevice->ScheduleConnect(CM_BARE) < 0) {
+    SetError(Id, "job queue full");
+  }
+}
+
+void CMainWindow::OnActionExecResetTriggered() {
+  static const int Id = _RowByName("Exec.Reset");
+  if (!CheckParamCount(Id, 0)) {
+    return;
+  }
+  CDevice* pDevice = CDevice::Instance();
+  if (!pDevice->IsConnected()) {
+    SetError(Id, "not connected");
+    return;
+  }
+  if (pDevice->ScheduleReset(RM_BARE) < 0) {
+    SetError(Id, "job queue full");
+  }
+}
+
 void CMainWindow::OnActionFileExitTriggered() {
   close();
 }
 
 void CMainWindow::OnDeviceLogMsg(const char* sMsg, MSG_INFO_FLAGS Flags) {
+  if (Flags & MSG_ERROR) {
+    NoteCommandError();  // an error of the device fails the command that caused it
+  }
   if (!GetLogSink().WouldReach(Flags)) {
     return;  // not formatted in vain
   }
@@ -438,9 +477,24 @@ void CMainWindow::OnDeviceExecCmdFailed(const char* sCmd, char* sError) {
 }
 
 void CMainWindow::OnDeviceConnectionLost() {
-  statusBar()->showMessage("Connection to target lost");
-  UpdateActions();
+  ConsolePrint("Tarvik: connection to target device lost.");
+  statusBar()->showMessage("Tarvik: connection to target device lost.");
   NoteCommandError();
+  CDevice* pDevice = CDevice::Instance();
+  if (pDevice->IsConnected()) {
+    const QString sTitle = "Target Connection Lost";
+    const QString sText = "Failed to read target status. Abort Debug Session?";
+    bool Abort = true;
+    if (IsBatchMode()) {
+      ConsolePrint(sTitle + ": " + sText + " Yes");
+    } else {
+      Abort = QMessageBox::question(this, sTitle, sText) == QMessageBox::Yes;
+    }
+    if (Abort) {
+      pDevice->ScheduleDisconnect();
+    }
+  }
+  UpdateActions();
 }
 
 void CMainWindow::closeEvent(QCloseEvent* pEvent) {

@@ -11,6 +11,7 @@ class QLineEdit;
 class QPlainTextEdit;
 class QTimer;
 class CDeviceEventWorker;
+class CTargetCommands;
 
 class CMainWindow : public CWindow {
   Q_OBJECT
@@ -51,6 +52,8 @@ class CMainWindow : public CWindow {
   void OnActionUtilSleepTriggered();
   void OnActionExecCmdTriggered();
   void OnActionFileExitTriggered();
+  void OnActionExecConnectTriggered();
+  void OnActionExecResetTriggered();
 
  private:
   void _BuildInterface();
@@ -59,6 +62,7 @@ class CMainWindow : public CWindow {
   bool _OnKeyPressed(QObject* pObject, QKeyEvent* pEvent);
 
   CDeviceEventWorker* _pEventWorker = nullptr;
+  CTargetCommands* _pTargetCommands = nullptr;
   QPlainTextEdit* _pConsoleView = nullptr;
   QLineEdit* _pConsoleInput = nullptr;
   QTimer* _pConsoleTimer = nullptr;

@@ -423,6 +423,7 @@ int CDevice::_SelectHostIF() {
 int CDevice::_ConnectSimple() {
   _ResetState();
   if (_SelectHostIF() < 0) {
+    _LogErrorMsg("Connect: could not select the host interface");
     return -1;
   }
   const TARVIK_API& Api = _Api();
@@ -469,6 +470,7 @@ int CDevice::_ConnectSimple() {
   }
   if (!Connected) {
     _LogWarnMsg("Connect: TARVIK API call failed");
+    _LogErrorMsg("Connect: could not connect to target");
     Api.TARVIKARM_Close();
     return -1;
   }
