@@ -1067,6 +1067,10 @@ void ScriptSetStepLimit(CTrans* p, U64 NumStatements) {
   }
 }
 
+bool ScriptIsRunning(const CTrans* p) {
+  return p && p->StackBase != 0;
+}
+
 bool ScriptIsInHeap(const CTrans* p, const void* pAddress) {
   if (!p || !pAddress) {
     return false;

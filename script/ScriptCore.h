@@ -165,6 +165,10 @@ void ScriptRequestStop(CTrans* pContext);
 // limit is reached, the run fails with "Step limit reached.".
 void ScriptSetStepLimit(CTrans* pContext, U64 NumStatements);
 
+// True while a run of this context is under way, also while a native it called waits. The host must
+// not free or reload the block then, but defer that until the outermost run has returned.
+bool ScriptIsRunning(const CTrans* pContext);
+
 // True if p lies within the context's block.
 bool ScriptIsInHeap(const CTrans* pContext, const void* p);
 

@@ -124,6 +124,22 @@ TEST(ScriptReentrancy, ANestedRunLeavesTheOuterRunsPositionAndLocalsIntact) {
   ASSERT_EQ(Host.Run("Test", &Value), 0) << Host.ErrorText;
   EXPECT_EQ(Value, 3);
   EXPECT_EQ(Host.Log, (std::vector<std::string>{"inner", "outer", "inner", "outer"}));
+  EXPECT_FALSE(ScriptIsRunning(Host.Context()));
+}
+
+TEST(ScriptReentrancy, TheContextCountsAsRunningWhileANativeWaits) {
+  CScriptTestHost Host;
+  ASSERT_EQ(Host.Load("int Inner(void) { return Test.IsRunning(); }\n"
+                      "int Test(void) { return Test.IsRunning() * 10 + Test.Run(\"Inner\"); }\n"),
+            0);
+  EXPECT_FALSE(ScriptIsRunning(Host.Context()));
+  I64 Value = 0;
+  ASSERT_EQ(Host.Run("Test", &Value), 0) << Host.ErrorText;
+  EXPECT_EQ(Value, 11);
+  EXPECT_FALSE(ScriptIsRunning(Host.Context()));
+  EXPECT_EQ(Host.Run("Inner", &Value), 0);
+  EXPECT_EQ(Value, 1);
+  EXPECT_FALSE(ScriptIsRunning(Host.Context()));
 }
 
 TEST(ScriptReentrancy, AnErrorInANestedRunStopsTheOuterRunAndNamesTheInnerLine) {

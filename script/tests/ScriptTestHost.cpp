@@ -25,6 +25,7 @@ int CScriptTestHost::Load(const std::string& sText) {
       {"__api__ int Test.Count (const char* sText);", _Count},
       {"__api__ int Test.Run (const char* sFunction);", _RunNested},
       {"__api__ int Test.Stop (void);", _Stop},
+      {"__api__ int Test.IsRunning (void);", _IsRunning},
   };
   for (const auto& Native : _aNatives) {
     if (ScriptAddApiFunction(m_pContext, Native.sPrototype, Native.pfFunction, this) < 0) {
@@ -107,4 +108,8 @@ I32 CScriptTestHost::_RunNested(const SCRIPT_API_CALL* pCall) {
 I32 CScriptTestHost::_Stop(const SCRIPT_API_CALL* pCall) {
   ScriptRequestStop(pCall->pContext);
   return 0;
+}
+
+I32 CScriptTestHost::_IsRunning(const SCRIPT_API_CALL* pCall) {
+  return ScriptIsRunning(pCall->pContext) ? 1 : 0;
 }

@@ -41,6 +41,7 @@ class CScriptTestHost {
   static I32 _Count(const SCRIPT_API_CALL* pCall);
   static I32 _RunNested(const SCRIPT_API_CALL* pCall);
   static I32 _Stop(const SCRIPT_API_CALL* pCall);
+  static I32 _IsRunning(const SCRIPT_API_CALL* pCall);
 
   std::unique_ptr<U8[]> m_pHeap;
   std::string m_Text;
