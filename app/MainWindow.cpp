@@ -20,6 +20,7 @@
 #include <QVBoxLayout>
 
 #include "app/AppInfo.h"
+#include "app/SettingsCommands.h"
 #include "app/TargetCommands.h"
 #include "app/actions/ActionTable.h"
 #include "app/actions/CommandConsole.h"
@@ -99,6 +100,8 @@ CMainWindow::CMainWindow(bool BatchMode) : CWindow(nullptr, "MainWindow"), _Batc
   LoadPreferences();
   LoadColorsAndFonts();
   _ConnectActions();
+  _pSettingsCommands = new CSettingsCommands(this);
+  ConnectSettingsCommands(this, _pSettingsCommands);
   _PerspectiveState = 1;
   setWindowTitle(GetAppTitle(true, true) + " (" + GetAppDateText() + ")");
   UpdateActions();

@@ -12,6 +12,7 @@ class QPlainTextEdit;
 class QTimer;
 class CDeviceEventWorker;
 class CTargetCommands;
+class CSettingsCommands;
 
 class CMainWindow : public CWindow {
   Q_OBJECT
@@ -25,6 +26,8 @@ class CMainWindow : public CWindow {
 
   void UpdateActions() override;
   bool IsClosing() const { return _Closing; }
+  // The handlers of the settings rows.
+  CSettingsCommands* GetSettingsCommands() const { return _pSettingsCommands; }
   // 2 while the constructor runs, 1 afterwards.
   int GetPerspectiveState() const { return _PerspectiveState; }
 
@@ -63,6 +66,7 @@ class CMainWindow : public CWindow {
 
   CDeviceEventWorker* _pEventWorker = nullptr;
   CTargetCommands* _pTargetCommands = nullptr;
+  CSettingsCommands* _pSettingsCommands = nullptr;
   QPlainTextEdit* _pConsoleView = nullptr;
   QLineEdit* _pConsoleInput = nullptr;
   QTimer* _pConsoleTimer = nullptr;

@@ -148,6 +148,9 @@ int CDevice::ReadMem(U32 Addr, U32 nBytes, U32 ChunkSize, I8 AW, U32 Flags, U8* 
     U32 Rest = nBytes - U32(Read);
     Read += ReadMemChunkWise(Addr + U32(Read), Rest, ChunkSize, AW, Flags, paData + Read, paStatus + Read);
   }
+  if (Read < int(nBytes)) {
+    _TestConnectionLost();  // a read that fails may be the first sign of a lost probe
+  }
   if (ResumeOwed && _Connected.load()) {
     _Api().TARVIKARM_GoEx(0, 1);
   }

@@ -55,8 +55,7 @@ class SettingsCommands : public ::testing::Test {
     ResetFake();
     SetTarvikApi(&FakeProbeApi());
     pWindow = new CMainWindow(true);
-    pHandlers = new CSettingsCommands(pWindow);
-    ConnectSettingsCommands(pWindow, pHandlers);
+    pHandlers = pWindow->GetSettingsCommands();
     ConsoleClearRing();
     ConsoleSetMirror([this](const QString& s) { Output << s; });
   }
