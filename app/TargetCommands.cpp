@@ -92,7 +92,8 @@ int CTargetCommands::RegisterIndexByName(const QString& sNameIn) {
   static const struct {
     const char* sName;
     int Index;
-  } aSpecial[] = {{"MSP", 17}, {"PSP", 18}, {"PRIMASK", 19}, {"BASEPRI", 20}, {"FAULTMASK", 21}, {"CONTROL", 22}};
+  } aSpecial[] = {{"MSP", 17},     {"PSP", 18},       {"PRIMASK", 19},
+                  {"BASEPRI", 20}, {"FAULTMASK", 21}, {"CONTROL", 22}};
   for (const auto& e : aSpecial) {
     if (sName == QLatin1String(e.sName)) {
       return CortexM ? e.Index : -1;
@@ -101,8 +102,8 @@ int CTargetCommands::RegisterIndexByName(const QString& sNameIn) {
   static const struct {
     const char* sName;
     U32 Logical;
-  } aCore[] = {{"SP", REG_SP},  {"R13", REG_SP},   {"LR", REG_LR},     {"R14", REG_LR},
-               {"PC", REG_PC},  {"R15", REG_PC},   {"XPSR", REG_CPSR}, {"CPSR", REG_CPSR}};
+  } aCore[] = {{"SP", REG_SP}, {"R13", REG_SP}, {"LR", REG_LR},     {"R14", REG_LR},
+               {"PC", REG_PC}, {"R15", REG_PC}, {"XPSR", REG_CPSR}, {"CPSR", REG_CPSR}};
   for (const auto& e : aCore) {
     if (sName == QLatin1String(e.sName)) {
       return pDevice->GetTarvikRegIdx(e.Logical);
@@ -231,7 +232,8 @@ void CTargetCommands::OnActionTargetFillMemoryTriggered() {
     return;
   }
   std::vector<U8> Data(Size, U8(Value));
-  if (CDevice::Instance()->ScheduleWriteMem(Addr, Size, Data.data(), 0x1000, 0, CDevice::MEM_FLAG_DOWNLOAD) < 0) {
+  if (CDevice::Instance()->ScheduleWriteMem(Addr, Size, Data.data(), 0x1000, 0, CDevice::MEM_FLAG_DOWNLOAD) <
+      0) {
     SetError(Id, "job queue full");
   }
 }
@@ -276,8 +278,8 @@ void CTargetCommands::OnActionTargetSaveMemoryTriggered() {
   }
   // Written whole or not at all: an existing file stays as it was if anything goes wrong.
   QSaveFile File(sFile);
-  if (!File.open(QIODevice::WriteOnly) || File.write(reinterpret_cast<const char*>(Data.data()), Size) != Size ||
-      !File.commit()) {
+  if (!File.open(QIODevice::WriteOnly) ||
+      File.write(reinterpret_cast<const char*>(Data.data()), Size) != Size || !File.commit()) {
     SetError(Id, "could not write file", sFile + ": " + File.errorString());
     return;
   }
@@ -319,8 +321,9 @@ void CTargetCommands::OnActionTargetLoadMemoryTriggered() {
     SetError(Id, sState);
     return;
   }
-  if (CDevice::Instance()->ScheduleWriteMem(Addr, U32(Data.size()), reinterpret_cast<const U8*>(Data.constData()),
-                                            0x1000, 0, CDevice::MEM_FLAG_DOWNLOAD) < 0) {
+  if (CDevice::Instance()->ScheduleWriteMem(Addr, U32(Data.size()),
+                                            reinterpret_cast<const U8*>(Data.constData()), 0x1000, 0,
+                                            CDevice::MEM_FLAG_DOWNLOAD) < 0) {
     SetError(Id, "job queue full");
     return;
   }

@@ -12,7 +12,7 @@ class CWindow;
 
 class CTargetCommands : public QObject, public CDeviceEventListener {
   Q_OBJECT
-public:
+ public:
   explicit CTargetCommands(QObject* pParent = nullptr);
 
   // Connects the Target.* rows of the window's actions to these handlers.
@@ -25,7 +25,7 @@ public:
   void OnDeviceWriteMemFailed(U32 Addr, U32 nBytes, U8* paData) override;
   void OnDeviceWriteRegFailed(U32 RegIdx) override;
 
-public slots:
+ public slots:
   void OnActionTargetReadU32Triggered();
   void OnActionTargetReadU16Triggered();
   void OnActionTargetReadU8Triggered();
@@ -38,7 +38,7 @@ public slots:
   void OnActionTargetGetRegTriggered();
   void OnActionTargetSetRegTriggered();
 
-private:
+ private:
   void _Read(const char* sRow, U32 Size);
   void _Write(const char* sRow, U32 Size);
 };

@@ -110,7 +110,13 @@ static QString _Hex(I64 Value) {
 }
 
 static QString _Escape(const QString& s) {
-  return s.toHtmlEscaped();
+  QString r = s;
+  r.replace('&', "&amp;").replace('<', "&lt;").replace('>', "&gt;");
+  return r;
+}
+
+static QString _EscapeAttribute(const QString& s) {
+  return _Escape(s).replace('"', "&quot;");
 }
 
 QString ConfigToXml(const DEV_CONFIG& c) {
@@ -123,8 +129,8 @@ QString ConfigToXml(const DEV_CONFIG& c) {
              "Speed=\"%12\" "
              "UseAdaptive=\"%13\" UseMaxSpeed=\"%14\"/>"
              "</TarvikSettings>")
-      .arg(_Hex(c.HostIF), _Hex(c.USBSerialNo), _Escape(c.sHostName), _Hex(c.UseSerialNo), _Hex(c.CoreIndex),
-           _Hex(c.Endian), _Escape(sDevice), _Hex(c.TargetIF), _Hex(c.DRPre))
+      .arg(_Hex(c.HostIF), _Hex(c.USBSerialNo), _EscapeAttribute(c.sHostName), _Hex(c.UseSerialNo),
+           _Hex(c.CoreIndex), _Hex(c.Endian), _Escape(sDevice), _Hex(c.TargetIF), _Hex(c.DRPre))
       .arg(_Hex(c.IRPre), _Hex(c.MultipleTargets), SpeedToText(c.Speed), _Hex(c.UseAdaptive),
            _Hex(c.UseMaxSpeed));
 }

@@ -228,11 +228,15 @@ int CDevice::_Execute(DEVICE_JOB* pJob) {
       }
       return _SetTargetExecState(Cnt, reinterpret_cast<const I64*>(pJob->apData[0]));
     }
-    case JT_SET_BP:
+    case JT_SET_BP: {
       if (!_Connected.load()) {
         return -1;
       }
-      return _Api().TARVIKARM_SetBPEx(U32(a[0]), 0) != 0 ? 0 : -1;
+      // The permitted implementation: any, hardware only, or software only; code here is Thumb.
+      static const U32 aBase[] = {0xFFFFFFF0u, 0xFFFFFF00u, 0xF0u};
+      U32 Flags = aBase[a[2] < 3 ? a[2] : 0] | (IsARMFamily(_CoreFamily.load()) ? 1u : 2u);
+      return _Api().TARVIKARM_SetBPEx(U32(a[0]), Flags) != 0 ? 0 : -1;
+    }
     case JT_CLEAR_BP: {
       if (!_Connected.load()) {
         return -1;

@@ -1,0 +1,235 @@
+// Connection, run control, memory and registers through the device queue on the built-in simulated
+// target, with the committed fixture programs.
+#include <gtest/gtest.h>
+
+#include <QFile>
+#include <QRegularExpression>
+#include <QThread>
+#include <chrono>
+#include <functional>
+
+#include "device/Device.h"
+#include "device/DeviceEventListener.h"
+#include "device/DeviceEvents.h"
+#include "device/probe/ProbeCore.h"
+
+namespace {
+
+bool PumpUntil(const std::function<bool()>& Done, int TimeoutMS = 10000) {
+  auto End = std::chrono::steady_clock::now() + std::chrono::milliseconds(TimeoutMS);
+  while (std::chrono::steady_clock::now() < End) {
+    DispatchDeviceEvents(10);
+    if (Done()) {
+      return true;
+    }
+    QThread::yieldCurrentThread();
+  }
+  return Done();
+}
+
+struct SESSION_RECORDER : CDeviceEventListener {
+  QStringList Calls;
+  void OnDeviceConnectDone(CONNECT_MODES m) override { Calls << QString("ConnectDone %1").arg(m); }
+  void OnDeviceConnectFailed(CONNECT_MODES m) override { Calls << QString("ConnectFailed %1").arg(m); }
+  void OnDeviceHaltDone(U32 PC, HALT_REASONS r) override {
+    Calls << QString("HaltDone 0x%1 %2").arg(PC, 0, 16).arg(r);
+  }
+  void OnDeviceResetDone(U32 PC, RESET_MODES m) override {
+    Calls << QString("ResetDone 0x%1 %2").arg(PC, 0, 16).arg(m);
+  }
+  void OnDeviceResumeDone(RESUME_MODES m) override { Calls << QString("ResumeDone %1").arg(m); }
+  void OnDeviceConnectionLost() override { Calls << "ConnectionLost"; }
+  void OnDeviceWriteMemDone(U32 Addr, U32 n, U8*) override {
+    Calls << QString("WriteMemDone 0x%1 %2").arg(Addr, 0, 16).arg(n);
+  }
+  void OnDeviceLogMsg(const char* s, MSG_INFO_FLAGS) override { Logs << s; }
+  QStringList Logs;
+};
+
+QByteArray Fixture(const char* sName) {
+  QFile File(QString(ZEVRA_SOURCE_DIR) + "/target/elf/" + sName);
+  return File.open(QIODevice::ReadOnly) ? File.readAll() : QByteArray();
+}
+
+U32 LittleEndianWord(const QByteArray& Bytes, int Offset) {
+  U32 v = 0;
+  memcpy(&v, Bytes.constData() + Offset, 4);
+  return v;
+}
+
+class SimulatorDevice : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    PROBE_ResetLayer();
+    SetTarvikApi(&TARVIK_GetProbeLayerApi());
+    ResetDeviceEventQueue();
+    pDevice = new CDevice();
+  }
+  void TearDown() override {
+    delete pDevice;
+    DispatchDeviceEvents(int(kEventRingSize));
+    PROBE_ResetLayer();
+    SetTarvikApi(nullptr);
+  }
+  // Chooses the device, attaches, downloads the fixture's image and resets to its reset vector.
+  void StartWith(const char* sImage, const char* sDevice = "Simulator Cortex-M4") {
+    ASSERT_EQ(pDevice->ScheduleSetConfigParam(DCP_DEVICE_NAME, sDevice), 0);
+    ASSERT_EQ(pDevice->ScheduleConnect(CM_ATTACH_HALT), 0);
+    ASSERT_TRUE(PumpUntil([&] {
+      return Recorder.Calls.contains(QString("ConnectDone %1").arg(CM_ATTACH_HALT));
+    })) << Recorder.Calls.join("; ").toStdString();
+    Image = Fixture(sImage);
+    ASSERT_FALSE(Image.isEmpty());
+    ASSERT_EQ(pDevice->ScheduleWriteMem(0, U32(Image.size()), reinterpret_cast<const U8*>(Image.constData()),
+                                        0x1000, 0, CDevice::MEM_FLAG_DOWNLOAD),
+              0);
+    ASSERT_EQ(pDevice->ScheduleReset(RM_RESET_HALT), 0);
+    U32 ResetVector = LittleEndianWord(Image, 4) & ~1u;
+    ASSERT_TRUE(PumpUntil([&] {
+      return Recorder.Calls.contains(QString("ResetDone 0x%1 %2").arg(ResetVector, 0, 16).arg(RM_RESET_HALT));
+    })) << Recorder.Calls.join("; ").toStdString();
+    Recorder.Calls.clear();
+  }
+
+  CDevice* pDevice = nullptr;
+  SESSION_RECORDER Recorder;
+  QByteArray Image;
+};
+
+}  // namespace
+
+TEST_F(SimulatorDevice, ResetStopsAtTheResetVectorWithTheInitialStackPointer) {
+  StartWith("basic-O0.bin");
+  EXPECT_EQ(U32(pDevice->GetPC()), LittleEndianWord(Image, 4) & ~1u);
+  EXPECT_EQ(U32(pDevice->GetRegVal(REG_SP)), LittleEndianWord(Image, 0));
+  EXPECT_TRUE(pDevice->IsHaltCertain());
+  EXPECT_EQ(pDevice->GetCoreFamily(), DF_CORTEX_M4);
+  EXPECT_EQ(pDevice->GetPCRegIndex(), 15u);
+}
+
+TEST_F(SimulatorDevice, BreakpointHaltIsReportedWithItsReason) {
+  StartWith("basic-O0.bin");
+  const U32 Main = 0xE0;  // "main" in target/elf/basic-O0.nm
+  ASSERT_EQ(pDevice->ScheduleSetBP(Main, 1, 0), 0);
+  ASSERT_EQ(pDevice->ScheduleContinue(GO_USER), 0);
+  ASSERT_TRUE(PumpUntil([&] {
+    return Recorder.Calls.contains(QString("HaltDone 0x%1 %2").arg(Main, 0, 16).arg(HR_BREAKPOINT));
+  })) << Recorder.Calls.join("; ").toStdString();
+  EXPECT_TRUE(Recorder.Calls.contains("ResumeDone 0"));
+  // A halt asked for while halted changes nothing and reports nothing.
+  Recorder.Calls.clear();
+  ASSERT_EQ(pDevice->ScheduleHalt(), 0);
+  EXPECT_GE(pDevice->WaitForJobThenPump(JT_HALT, false), 0);
+  DispatchDeviceEvents(100);
+  EXPECT_TRUE(Recorder.Calls.isEmpty()) << Recorder.Calls.join("; ").toStdString();
+  // Clearing the breakpoint and halting a running target gives a plain halt.
+  ASSERT_EQ(pDevice->ScheduleClearBP(Main), 0);
+  ASSERT_EQ(pDevice->ScheduleContinue(GO_USER), 0);
+  ASSERT_TRUE(PumpUntil([&] { return pDevice->IsRunning(); }));
+  ASSERT_EQ(pDevice->ScheduleHalt(), 0);
+  ASSERT_TRUE(PumpUntil([&] {
+    return Recorder.Calls.filter(QRegularExpression(" 0$")).filter("HaltDone").size() == 1;
+  })) << Recorder.Calls.join("; ").toStdString();
+}
+
+TEST_F(SimulatorDevice, ResumeBehindTheDebuggersBackIsNoticed) {
+  StartWith("basic-O0.bin");
+  // A branch to itself in RAM keeps the target running until the device looks.
+  const U8 aLoop[2] = {0xFE, 0xE7};
+  ASSERT_EQ(pDevice->WriteMem(0x20000000, 2, 0, 0, 0, aLoop), 2);
+  ASSERT_EQ(pDevice->WriteReg(REG_PC, 0x20000000), 0);
+  char acOut[256] = {0};
+  // The probe is reached directly, as another tool on the same probe would.
+  ASSERT_EQ(TARVIKARM_ExecCommand("SimResume", acOut, sizeof(acOut)), 0) << acOut;
+  EXPECT_TRUE(PumpUntil([&] { return Recorder.Calls.contains("ResumeDone 0"); }, 8000))
+      << Recorder.Calls.join("; ").toStdString();
+  EXPECT_TRUE(pDevice->IsRunning());
+  EXPECT_FALSE(pDevice->IsStateValid());
+}
+
+TEST_F(SimulatorDevice, ReadsMarkEveryByteTheTargetCouldNotGive) {
+  StartWith("basic-O0.bin");
+  // SRAM ends at 0x20040000: a read across the end gives good bytes up to the hole.
+  U8 aData[32];
+  U8 aStatus[32];
+  memset(aData, 0x55, sizeof(aData));
+  int Read = pDevice->ReadMem(0x2003FFF0, 32, 0, 0, 0, aData, aStatus);
+  EXPECT_LT(Read, 32);
+  // With item-wise reading after a short chunk, each byte ends as good or failed, and failed ones are 0.
+  Read = pDevice->ReadMem(0x2003FFF0, 32, 8, 1, CDevice::MEM_FLAG_ITEM_WISE_AFTER_SHORT, aData, aStatus);
+  EXPECT_EQ(Read, 16);
+  for (int i = 0; i < 32; ++i) {
+    EXPECT_EQ(aStatus[i], i < 16 ? 0 : 1) << i;
+    if (i >= 16) {
+      EXPECT_EQ(aData[i], 0) << i;
+    }
+  }
+  // An unmapped word fails as a whole, it doesn't read as zero.
+  U32 Word = 0;
+  EXPECT_EQ(pDevice->ReadWord(0x10000000, &Word), -1);
+  EXPECT_EQ(Word, 0xEEEEEEEEu);
+  EXPECT_EQ(pDevice->ReadWord(0x0, &Word), 0);
+  EXPECT_EQ(Word, LittleEndianWord(Image, 0));
+  EXPECT_EQ(pDevice->ReadWord(0x2, &Word), -1);  // unaligned
+  EXPECT_EQ(pDevice->ReadWord(0xFFFFFFFB, &Word), -1);
+  U16 Half = 0;
+  EXPECT_EQ(pDevice->ReadHalfWord(0x4, &Half), 0);
+  EXPECT_EQ(Half, LittleEndianWord(Image, 4) & 0xFFFF);
+  // Validation refuses what can't be a read.
+  EXPECT_EQ(pDevice->ReadMem(0xFFFFFFF0, 0x20, 0, 0, 0, aData, aStatus), 0);
+  EXPECT_EQ(pDevice->ReadMem(0x20000000, 0, 0, 0, 0, aData, aStatus), 0);
+  EXPECT_EQ(pDevice->ReadMem(0x20000000, 4, 0, 0, 0, aData, nullptr), 0);
+}
+
+TEST_F(SimulatorDevice, RegisterAccessChecksItsArgumentsFirst) {
+  StartWith("basic-O0.bin");
+  I64 Value = 0;
+  EXPECT_EQ(pDevice->ReadReg(82, &Value), -1);
+  EXPECT_EQ(Value, -1);
+  EXPECT_EQ(pDevice->WriteReg(0, -5), -1);  // refused before anything else but the index
+  ASSERT_EQ(pDevice->WriteReg(0, 0x1234), 0);
+  ASSERT_EQ(pDevice->ReadReg(0, &Value), 0);
+  EXPECT_EQ(Value, 0x1234);
+  U32 aIdx[3] = {0, 15, 13};
+  I64 aVal[3];
+  ASSERT_EQ(pDevice->ReadRegs(3, aIdx, aVal), 0);
+  EXPECT_EQ(aVal[0], 0x1234);
+  EXPECT_EQ(U32(aVal[1]), LittleEndianWord(Image, 4) & ~1u);  // the PC without its Thumb bit
+  EXPECT_EQ(pDevice->ReadRegs(0, aIdx, aVal), -1);
+  EXPECT_EQ(pDevice->ReadRegs(64, aIdx, aVal), -1);
+}
+
+TEST_F(SimulatorDevice, LostProbeIsReportedOnceAndCancelsPendingJobs) {
+  StartWith("basic-O0.bin");
+  ASSERT_EQ(pDevice->ScheduleExecTarvikCmd("SimFault=ConnLost"), 0);
+  EXPECT_GE(pDevice->WaitForJobThenPump(JT_EXEC_TARVIK_CMD, false), 0);
+  ASSERT_EQ(pDevice->ScheduleContinue(GO_USER), 0);  // the loss shows when the target is polled
+  ASSERT_TRUE(PumpUntil([&] { return Recorder.Calls.contains("ConnectionLost"); }, 8000))
+      << Recorder.Calls.join("; ").toStdString();
+  EXPECT_TRUE(pDevice->IsConnLost());
+  EXPECT_FALSE(pDevice->IsJobPending(JT_ANY));
+  DispatchDeviceEvents(100);
+  EXPECT_EQ(Recorder.Calls.count("ConnectionLost"), 1);
+  ASSERT_EQ(pDevice->ScheduleDisconnect(), 0);
+  EXPECT_TRUE(PumpUntil([&] { return !pDevice->IsConnected(); }));
+}
+
+TEST_F(SimulatorDevice, UnknownDeviceNameFailsTheConnect) {
+  ASSERT_EQ(pDevice->ScheduleSetConfigParam(DCP_DEVICE_NAME, "Simulator Cortex-M7"), 0);
+  ASSERT_EQ(pDevice->ScheduleConnect(CM_ATTACH), 0);
+  ASSERT_TRUE(PumpUntil([&] { return Recorder.Calls.contains(QString("ConnectFailed %1").arg(CM_ATTACH)); }))
+      << Recorder.Calls.join("; ").toStdString();
+  EXPECT_FALSE(pDevice->IsConnected());
+  EXPECT_TRUE(Recorder.Logs.filter("Simulator Cortex-M7").size() >= 1)
+      << Recorder.Logs.join("; ").toStdString();
+}
+
+TEST_F(SimulatorDevice, SpeedChangeWhileConnectedReachesTheProbe) {
+  StartWith("basic-O0.bin");
+  ASSERT_EQ(pDevice->ScheduleSetConfigParam(DCP_SPEED, 4000000), 0);
+  ASSERT_GE(pDevice->WaitForJobThenPump(JT_SET_CONFIG_PARAM, false), 0);
+  EXPECT_TRUE(PumpUntil([&] { return pDevice->GetTIFSpeed() == 4000000; })) << pDevice->GetTIFSpeed();
+  DEV_CONFIG Config = pDevice->GetConfig();
+  EXPECT_EQ(Config.UseMaxSpeed, 0);
+  EXPECT_TRUE(pDevice->GetTarvikSettings().contains("Speed=\"4000 kHz\""));
+}
