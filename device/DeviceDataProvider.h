@@ -22,8 +22,8 @@ enum MIRROR_STATUS : U8 {
 // All operations run on the main thread (or a thread that pumps device events in its place). Answers
 // that come later arrive as the asking listener's OnDeviceReadMemDone (data and one status byte per
 // data byte), OnDeviceReadRegDone / OnDeviceReadRegsDone and OnDeviceReadCPRDone; a register that
-// could not be read is answered with the value -1. A listener that goes away while it waits must call
-// CancelRequests first.
+// could not be read is answered with the value -1. A listener that goes away while it waits should
+// call CancelRequests; one that did not is no longer registered and is skipped.
 //
 // The mirror is emptied whenever the target may have changed: on connect, disconnect, resume, halt,
 // reset, step, breakpoint condition, endianness change and any memory or register write.
@@ -75,9 +75,9 @@ class CDeviceDataProvider : public CDeviceEventListener {
   int ReadCPRAsync(CDeviceEventListener* pListener, const ARM_CPR* pReg);
   int ReadCPRSync(const ARM_CPR* pReg, U32* pValue);
 
-  // Drops the waiting memory requests of all listeners (their ranges become unknown again) and
-  // cancels the memory reads still queued, for data that nobody looks at any more. Returns the number
-  // of jobs cancelled.
+  // Drops the waiting memory requests of the listeners (their ranges become unknown again) and
+  // cancels the memory reads still queued, for data that nobody looks at any more; a synchronous read
+  // under way is filed again. Returns the number of jobs cancelled.
   int FlushRequests();
   // Forgets every waiting request of pListener.
   void CancelRequests(CDeviceEventListener* pListener);
