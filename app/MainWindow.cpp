@@ -30,6 +30,7 @@
 #include "app/tables/SettingsStore.h"
 #include "app/tables/SettingsTables.h"
 #include "device/Device.h"
+#include "device/DeviceDataProvider.h"
 #include "device/DeviceEvents.h"
 
 namespace {
@@ -99,6 +100,7 @@ CMainWindow::CMainWindow(bool BatchMode) : CWindow(nullptr, "MainWindow"), _Batc
   InitVars();
   LoadPreferences();
   LoadColorsAndFonts();
+  CDeviceDataProvider::Instance()->SetDefaultAccessWidth(GetVarValue(GetVar(VAR_ACCESS_WIDTH)));
   _ConnectActions();
   _pSettingsCommands = new CSettingsCommands(this);
   ConnectSettingsCommands(this, _pSettingsCommands);

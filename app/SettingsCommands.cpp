@@ -15,25 +15,27 @@
 #include "app/actions/ActionTable.h"
 #include "app/tables/SettingsTables.h"
 #include "device/Device.h"
+#include "device/DeviceConfig.h"
+#include "device/DeviceDataProvider.h"
 #include "windows/Window.h"
 
 namespace {
 
-// Numbers of the device's configuration block that these rows write.
+// The device's configuration parameters that these rows write.
 enum : int {
-  kConfigUSBSerialNo = 2,
-  kConfigUseSerialNo = 3,
-  kConfigHostIF = 4,
-  kConfigTargetIF = 5,
-  kConfigSpeed = 6,
-  kConfigEndian = 9,
-  kConfigDRPre = 10,
-  kConfigIRPre = 11,
-  kConfigSteppingMode = 13,
-  kConfigHostName = 16,
-  kConfigDeviceName = 17,
-  kConfigScriptFile = 18,
-  kConfigLogFile = 19,
+  kConfigUSBSerialNo = DCP_USB_SERIAL_NO,
+  kConfigUseSerialNo = DCP_USE_SERIAL_NO,
+  kConfigHostIF = DCP_HOST_IF,
+  kConfigTargetIF = DCP_TARGET_IF,
+  kConfigSpeed = DCP_SPEED,
+  kConfigEndian = DCP_ENDIAN,
+  kConfigDRPre = DCP_DR_PRE,
+  kConfigIRPre = DCP_IR_PRE,
+  kConfigSteppingMode = DCP_STEPPING_MODE,
+  kConfigHostName = DCP_HOST_NAME,
+  kConfigDeviceName = DCP_DEVICE_NAME,
+  kConfigScriptFile = DCP_SCRIPT_FILE,
+  kConfigLogFile = DCP_LOG_FILE,
 };
 // Sizes of the text fields, terminator included.
 constexpr int kConfigNameSize = 256;
@@ -563,6 +565,9 @@ int CSettingsCommands::OnSysVarChanged(int Index, I32 Value, I32 Previous) {
   switch (Index) {
     case VAR_TIF_SPEED:
       Result = pDevice->ScheduleSetConfigParam(kConfigSpeed, Value);
+      break;
+    case VAR_ACCESS_WIDTH:
+      CDeviceDataProvider::Instance()->SetDefaultAccessWidth(Value);
       break;
     case VAR_TRACE_SOURCE:
       // The trace unit is set up for one of the two; switching between them leaves it in the wrong one.

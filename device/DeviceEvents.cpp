@@ -148,7 +148,9 @@ static void _DispatchJobDone(DEVICE_JOB* pJob) {
   }
   if (!IsJobEventFiltered(pJob)) {
     U32 Type = pJob->Type;
-    if (Type == JT_READ_REG || Type == JT_READ_REGS || Type == JT_READ_MEM || Type == JT_READ_LOCATION) {
+    // Reads are answered by the read cache alone; windows take the data from there.
+    if (Type == JT_READ_REG || Type == JT_READ_REGS || Type == JT_READ_MEM || Type == JT_READ_LOCATION ||
+        Type == JT_READ_CP_REG) {
       CDeviceEventListener* pProvider = CDeviceDataProvider::Instance();
       if (pProvider) {
         pProvider->OnDeviceJobDone(pJob);

@@ -4,6 +4,9 @@
 #include <QFile>
 #include <QProcess>
 #include <QTemporaryDir>
+#include <cstring>
+
+#include "app/base/Types.h"
 
 #include "app/base/tests/QtPrinters.h"
 
@@ -74,4 +77,80 @@ TEST(Executable, LogFileTakesLevelPrefixesAndDebugAddsStdout) {
   RUN Debug = RunZevra({"--debug", "--batch", "-"}, "Util.Log x\n");
   EXPECT_TRUE(Debug.sOut.contains(" i  Probe layer version")) << Debug.sOut.toStdString();
   EXPECT_TRUE(Debug.sOut.contains("Util.Log (\"x\");\n"));
+}
+
+TEST(Executable, MemoryAndRegistersOfTheSimulatedTargetFromABatch) {
+  QTemporaryDir Dir;
+  const QString sImage = QString(ZEVRA_SOURCE_DIR) + "/target/elf/basic-O0.bin";
+  QFile Image(sImage);
+  ASSERT_TRUE(Image.open(QIODevice::ReadOnly));
+  QByteArray Bytes = Image.readAll();
+  U32 ResetVector = 0;
+  memcpy(&ResetVector, Bytes.constData() + 4, 4);
+  const QString sSave = Dir.filePath("ram.bin");
+  QString sBatch = QString(
+                       "Exec.Connect\n"
+                       "Target.LoadMemory (\"%1\", 0)\n"
+                       "Exec.Reset\n"
+                       "Target.GetReg (PC)\n"
+                       "Target.WriteU32 (0x20000100, 0xCAFEF00D)\n"
+                       "Target.ReadU32 (0x20000100)\n"
+                       "Target.ReadU16 (0x20000102)\n"
+                       "Target.ReadU8 (0x20000101)\n"
+                       "Target.FillMemory (0x20000200, 8, 0x5A)\n"
+                       "Target.SaveMemory (\"%2\", 0x200001FC, 12)\n")
+                       .arg(sImage, sSave);
+  RUN Run = RunZevra({"--batch", "-"}, sBatch.toUtf8());
+  EXPECT_EQ(Run.ExitCode, 0) << Run.sOut.toStdString();
+  QStringList Expected = {
+      "Exec.Connect();",
+      QString("Target.LoadMemory (\"%1\", 0);").arg(sImage),
+      QString("= %1 (0x%2)")
+          .arg(Bytes.size())
+          .arg(QString::number(Bytes.size(), 16).toUpper().rightJustified(8, '0')),
+      "Exec.Reset();",
+      "Target.GetReg (\"PC\");",
+      QString("= %1 (0x%2)")
+          .arg(ResetVector & ~1u)
+          .arg(QString::number(ResetVector & ~1u, 16).toUpper().rightJustified(8, '0')),
+      "Target.WriteU32 (0x20000100, 0xCAFEF00D);",
+      "Target.ReadU32 (0x20000100);",
+      "= -889262067 (0xCAFEF00D)",
+      "Target.ReadU16 (0x20000102);",
+      "= 51966 (0x0000CAFE)",
+      "Target.ReadU8 (0x20000101);",
+      "= 240 (0x000000F0)",
+      "Target.FillMemory (0x20000200, 8, 0x5A);",
+      QString("Target.SaveMemory (\"%1\", 0x200001FC, 12);").arg(sSave),
+      "= 12 (0x0000000C)",
+  };
+  EXPECT_EQ(Run.sOut.split('\n', Qt::SkipEmptyParts), Expected);
+  QFile Saved(sSave);
+  ASSERT_TRUE(Saved.open(QIODevice::ReadOnly));
+  QByteArray Ram = Saved.readAll();
+  ASSERT_EQ(Ram.size(), 12);
+  EXPECT_EQ(Ram.mid(4), QByteArray(8, 0x5A));
+}
+
+TEST(Executable, UnreadableMemoryAndALostProbeAreReportedNotHidden) {
+  RUN Run = RunZevra({"--batch", "-"},
+                     "Exec.Connect\n"
+                     "Target.ReadU32 (0x10000000)\n"
+                     "Target.SaveMemory (\"/nonexistent-dir/x.bin\", 0x20000000, 4)\n"
+                     "Exec.Command (\"SimFault=ConnLost\")\n"
+                     "Target.ReadU32 (0x20000000)\n"
+                     "Target.ReadU32 (0x20000000)\n");
+  EXPECT_EQ(Run.ExitCode, 1);
+  QStringList Lines = Run.sOut.split('\n', Qt::SkipEmptyParts);
+  EXPECT_TRUE(Lines.contains("Target.ReadU32 (0x10000000): could not read memory: 0x10000000"))
+      << Run.sOut.toStdString();
+  EXPECT_FALSE(Run.sOut.contains("= 0 (0x00000000)"));  // a failed read is no zero
+  EXPECT_TRUE(
+      Lines.filter("Target.SaveMemory (\"/nonexistent-dir/x.bin\", 0x20000000, 4): could not write file")
+          .size() == 1)
+      << Run.sOut.toStdString();
+  EXPECT_TRUE(Lines.contains("Tarvik: connection to target device lost."));
+  EXPECT_TRUE(
+      Lines.contains("Target Connection Lost: Failed to read target status. Abort Debug Session? Yes"));
+  EXPECT_EQ(Lines.last(), "Target.ReadU32 (0x20000000): not connected");
 }
