@@ -225,10 +225,10 @@ static int _HashDie(ELF_FILE* pFile, ELF_DIE Die) {
   if (ELF_HashPut(s->dieById, id, (U64)(uintptr_t)Die) < 0)
     return 0;
   _GetDieType(pFile, Die);
-  DWA_VALUE spec;
-  if (DWA_GetAttr(_Ctx(pFile), Die, DW_AT_specification, &spec) == 1 && spec.Kind == DWA_VALUE_REFERENCE) {
-    ELF_HashPut(s->dieDefs, _MakeDieID(spec.u, isInfo), offset);
-    ELF_HashPut(s->dieDecls, id, spec.u);
+  DWA_VALUE Declaration;
+  if (DWA_GetAttr(_Ctx(pFile), Die, DW_AT_specification, &Declaration) == 1 && Declaration.Kind == DWA_VALUE_REFERENCE) {
+    ELF_HashPut(s->dieDefs, _MakeDieID(Declaration.u, isInfo), offset);
+    ELF_HashPut(s->dieDecls, id, Declaration.u);
   }
   return 1;
 }
@@ -351,8 +351,8 @@ bool _CreateDieAttrEx(ELF_FILE* pFile, ELF_DIE Die, U16 Attr, DWA_VALUE* pValue,
     ELF_DIE ext = _GetNamespaceExtDie(pFile, Die);
     return ext && ext != Die && _CreateDieAttr(pFile, ext, Attr, pValue);
   }
-  ELF_DIE spec = _GetReferenceDie(pFile, Die, DW_AT_specification);
-  if (spec && spec != Die && _CreateDieAttr(pFile, spec, Attr, pValue))
+  ELF_DIE Declaration = _GetReferenceDie(pFile, Die, DW_AT_specification);
+  if (Declaration && Declaration != Die && _CreateDieAttr(pFile, Declaration, Attr, pValue))
     return true;
   ELF_DIE origin = _GetReferenceDie(pFile, Die, DW_AT_abstract_origin);
   if (origin && origin != Die)

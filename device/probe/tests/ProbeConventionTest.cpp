@@ -138,7 +138,7 @@ TEST(ProbeCommands, TheLayerAnswersItsCommandsAndNamesBadInput) {
       {"device=Nonexistent MCU", -1, "Nonexistent MCU"},
       {"HideDeviceSelection=1", 0, ""},
       {"HideDeviceSelection=2", -1, "\"2\""},
-      {"ScriptFile=/nonexistent/setup.jlink", -1, "/nonexistent/setup.jlink"},
+      {"ScriptFile=/nonexistent/setup.tarvikscript", -1, "/nonexistent/setup.tarvikscript"},
       {"SetMCTAddr 0x20000100", 0, ""},
       {"SetMCTAddr 0xZZ", -1, "0xZZ"},
       {"SelectTraceSource=1", 0, ""},
