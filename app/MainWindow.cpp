@@ -7,6 +7,8 @@
 #include <QCloseEvent>
 #include <QElapsedTimer>
 #include <QEventLoop>
+#include <QFile>
+#include <QFileInfo>
 #include <QKeyEvent>
 #include <QLabel>
 #include <QLineEdit>
@@ -29,6 +31,7 @@
 #include "app/base/Log.h"
 #include "app/tables/SettingsStore.h"
 #include "app/tables/SettingsTables.h"
+#include "debuginfo/ElfFile.h"
 #include "device/Device.h"
 #include "device/DeviceDataProvider.h"
 #include "device/DeviceEvents.h"
@@ -200,6 +203,7 @@ void CMainWindow::_ConnectActions() {
       {"Exec.Connect", SLOT(OnActionExecConnectTriggered())},
       {"Exec.Reset", SLOT(OnActionExecResetTriggered())},
       {"File.Exit", SLOT(OnActionFileExitTriggered())},
+      {"File.Open", SLOT(OnActionFileOpenTriggered())},
   };
   for (int Id = 0; Id < kNumActions; ++Id) {
     QAction* pAction = GetAction(Id);
@@ -427,6 +431,51 @@ void CMainWindow::OnActionExecCmdTriggered() {
   }
 }
 
+void CMainWindow::OnActionFileOpenTriggered() {
+  static const int Id = _RowByName("File.Open");
+  if (!CheckParamCount(Id, -1)) {
+    return;
+  }
+  QString sPath = GetArguments(Id).value(0).trimmed();
+  if (sPath.isEmpty()) {
+    SetError(Id, "invalid filename");
+    return;
+  }
+  QFileInfo Info(sPath);
+  if (!Info.isFile()) {
+    SetError(Id, "file not found", sPath);
+    return;
+  }
+  QFile File(sPath);
+  QByteArray Magic;
+  if (File.open(QIODevice::ReadOnly)) {
+    Magic = File.read(4);
+  }
+  if (Magic != QByteArray("\x7F"
+                          "ELF",
+                          4)) {
+    // Hex, S-record and binary images come with the data file readers.
+    SetError(Id, "not available", "only ELF program files can be opened: " + sPath);
+    return;
+  }
+  // The program's debug information is read at once; the ELF layer logs how long each part took. A new
+  // program replaces the one before, which the reader's file table needs closed first.
+  ELF_SetLogCallback(LogElfMessage);
+  if (_pProgramFile) {
+    ELF_Close(_pProgramFile);
+    _pProgramFile = nullptr;
+    _sProgramPath.clear();
+  }
+  ELF_FILE* pFile = ELF_Open(QFile::encodeName(Info.absoluteFilePath()).constData());
+  if (pFile == nullptr) {
+    SetError(Id, "invalid program file", sPath);
+    return;
+  }
+  _pProgramFile = pFile;
+  _sProgramPath = Info.absoluteFilePath();
+  setWindowTitle(GetAppTitle(true, true) + " - " + Info.fileName());
+}
+
 void CMainWindow::OnActionExecConnectTriggered() {
   static const int Id = _RowByName("Exec.Connect");
   if (!CheckParamCount(Id, 0)) {
@@ -529,4 +578,8 @@ void CMainWindow::_WindowClosed() {
   }
   SaveColorsAndFonts();
   SavePreferences();
+  if (_pProgramFile) {
+    ELF_Close(_pProgramFile);
+    _pProgramFile = nullptr;
+  }
 }

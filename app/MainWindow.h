@@ -13,6 +13,7 @@ class QTimer;
 class CDeviceEventWorker;
 class CTargetCommands;
 class CSettingsCommands;
+struct ELF_FILE;
 
 class CMainWindow : public CWindow {
   Q_OBJECT
@@ -28,6 +29,8 @@ class CMainWindow : public CWindow {
   bool IsClosing() const { return _Closing; }
   // The handlers of the settings rows.
   CSettingsCommands* GetSettingsCommands() const { return _pSettingsCommands; }
+  // The program file opened last, or empty.
+  QString GetProgramPath() const { return _sProgramPath; }
   // 2 while the constructor runs, 1 afterwards.
   int GetPerspectiveState() const { return _PerspectiveState; }
 
@@ -56,6 +59,7 @@ class CMainWindow : public CWindow {
   void OnActionExecCmdTriggered();
   void OnActionFileExitTriggered();
   void OnActionExecConnectTriggered();
+  void OnActionFileOpenTriggered();
   void OnActionExecResetTriggered();
 
  private:
@@ -67,6 +71,8 @@ class CMainWindow : public CWindow {
   CDeviceEventWorker* _pEventWorker = nullptr;
   CTargetCommands* _pTargetCommands = nullptr;
   CSettingsCommands* _pSettingsCommands = nullptr;
+  ELF_FILE* _pProgramFile = nullptr;  // the open program, until the program index takes it over
+  QString _sProgramPath;
   QPlainTextEdit* _pConsoleView = nullptr;
   QLineEdit* _pConsoleInput = nullptr;
   QTimer* _pConsoleTimer = nullptr;

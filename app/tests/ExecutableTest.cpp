@@ -154,3 +154,31 @@ TEST(Executable, UnreadableMemoryAndALostProbeAreReportedNotHidden) {
       Lines.contains("Target Connection Lost: Failed to read target status. Abort Debug Session? Yes"));
   EXPECT_EQ(Lines.last(), "Target.ReadU32 (0x20000000): not connected");
 }
+
+TEST(Executable, OpeningAProgramLogsHowLongItsDebugInformationTook) {
+  QTemporaryDir Dir;
+  const QString sLog = Dir.filePath("open.log");
+  const QString sElf = QString(ZEVRA_SOURCE_DIR) + "/target/elf/basic-O0.elf";
+  // A program cut short: the reader refuses it with a message, and the command fails.
+  QFile Whole(sElf);
+  ASSERT_TRUE(Whole.open(QIODevice::ReadOnly));
+  const QString sCut = Dir.filePath("cut.elf");
+  QFile Cut(sCut);
+  ASSERT_TRUE(Cut.open(QIODevice::WriteOnly));
+  Cut.write(Whole.read(40));
+  Cut.close();
+  RUN Run = RunZevra({"--logfile", sLog, "--batch", "-"},
+                     QString("File.Open (\"%1\")\nFile.Open (\"%2\")\n").arg(sElf, sCut).toUtf8());
+  EXPECT_EQ(Run.ExitCode, 1);
+  EXPECT_TRUE(Run.sOut.contains(QString("File.Open (\"%1\"): invalid program file: %1").arg(sCut)))
+      << Run.sOut.toStdString();
+  QFile Log(sLog);
+  ASSERT_TRUE(Log.open(QIODevice::ReadOnly));
+  QString sText = QString::fromUtf8(Log.readAll());
+  for (const char* sLine :
+       {" i  ElfLib: parsed debug info tree in ms:", " i  ElfLib: parsed source line info in ms:",
+        " i  ElfLib: total init time:", " i  ElfLib: Dwarf Version: 5"}) {
+    EXPECT_TRUE(sText.contains(sLine)) << sLine << "\n" << sText.toStdString();
+  }
+  EXPECT_TRUE(sText.contains("ElfLib: " + sCut)) << sText.toStdString();  // the reason names the file
+}
