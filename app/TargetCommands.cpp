@@ -52,6 +52,25 @@ QString _CheckConnected() {
   return QString();
 }
 
+// True when the target can be used; otherwise the row's error says why.
+bool _Ready(int Id) {
+  QString sState = _CheckConnected();
+  if (!sState.isEmpty()) {
+    SetError(Id, sState);
+    return false;
+  }
+  return true;
+}
+
+// Argument Index as an unsigned number; otherwise "invalid parameter" naming it.
+bool _ArgU32(int Id, const QStringList& Args, int Index, U32* pValue) {
+  if (Index < Args.size() && _ParseU32(Args[Index], pValue)) {
+    return true;
+  }
+  SetError(Id, "invalid parameter", Args.value(Index));
+  return false;
+}
+
 }  // namespace
 
 CTargetCommands::CTargetCommands(QObject* pParent) : QObject(pParent) {}
@@ -133,9 +152,7 @@ void CTargetCommands::_Read(const char* sRow, U32 Size) {
     SetError(Id, "invalid parameter", sAddr);
     return;
   }
-  QString sState = _CheckConnected();
-  if (!sState.isEmpty()) {
-    SetError(Id, sState);
+  if (!_Ready(Id)) {
     return;
   }
   CDevice* pDevice = CDevice::Instance();
@@ -163,17 +180,14 @@ void CTargetCommands::_Write(const char* sRow, U32 Size) {
   QStringList Args = GetArguments(Id);
   U32 Addr = 0;
   U32 Value = 0;
-  if (!_ParseU32(Args[0], &Addr)) {
-    SetError(Id, "invalid parameter", Args[0]);
+  if (!_ArgU32(Id, Args, 0, &Addr)) {
     return;
   }
   if (!_ParseU32(Args[1], &Value) || (Size < 4 && Value >> (8 * Size))) {
     SetError(Id, "invalid parameter", Args[1]);
     return;
   }
-  QString sState = _CheckConnected();
-  if (!sState.isEmpty()) {
-    SetError(Id, sState);
+  if (!_Ready(Id)) {
     return;
   }
   U8 aData[4];
@@ -214,8 +228,7 @@ void CTargetCommands::OnActionTargetFillMemoryTriggered() {
   }
   QStringList Args = GetArguments(Id);
   U32 Addr = 0, Size = 0, Value = 0;
-  if (!_ParseU32(Args[0], &Addr)) {
-    SetError(Id, "invalid parameter", Args[0]);
+  if (!_ArgU32(Id, Args, 0, &Addr)) {
     return;
   }
   if (!_ParseU32(Args[1], &Size) || Size == 0 || Size > kMaxBlock || U64(Addr) + Size > 0xFFFFFFFFull) {
@@ -226,9 +239,7 @@ void CTargetCommands::OnActionTargetFillMemoryTriggered() {
     SetError(Id, "invalid parameter", Args[2]);
     return;
   }
-  QString sState = _CheckConnected();
-  if (!sState.isEmpty()) {
-    SetError(Id, sState);
+  if (!_Ready(Id)) {
     return;
   }
   std::vector<U8> Data(Size, U8(Value));
@@ -250,17 +261,14 @@ void CTargetCommands::OnActionTargetSaveMemoryTriggered() {
     SetError(Id, "invalid filename");
     return;
   }
-  if (!_ParseU32(Args[1], &Addr)) {
-    SetError(Id, "invalid parameter", Args[1]);
+  if (!_ArgU32(Id, Args, 1, &Addr)) {
     return;
   }
   if (!_ParseU32(Args[2], &Size) || Size == 0 || Size > kMaxBlock || U64(Addr) + Size > 0xFFFFFFFFull) {
     SetError(Id, "invalid parameter", Args[2]);
     return;
   }
-  QString sState = _CheckConnected();
-  if (!sState.isEmpty()) {
-    SetError(Id, sState);
+  if (!_Ready(Id)) {
     return;
   }
   CDevice* pDevice = CDevice::Instance();
@@ -298,8 +306,7 @@ void CTargetCommands::OnActionTargetLoadMemoryTriggered() {
     SetError(Id, "invalid filename");
     return;
   }
-  if (!_ParseU32(Args[1], &Addr)) {
-    SetError(Id, "invalid parameter", Args[1]);
+  if (!_ArgU32(Id, Args, 1, &Addr)) {
     return;
   }
   QFile File(sFile);
@@ -316,9 +323,7 @@ void CTargetCommands::OnActionTargetLoadMemoryTriggered() {
     return;
   }
   QByteArray Data = File.readAll();
-  QString sState = _CheckConnected();
-  if (!sState.isEmpty()) {
-    SetError(Id, sState);
+  if (!_Ready(Id)) {
     return;
   }
   if (CDevice::Instance()->ScheduleWriteMem(Addr, U32(Data.size()),
@@ -336,9 +341,7 @@ void CTargetCommands::OnActionTargetGetRegTriggered() {
     return;
   }
   QString sName = GetArguments(Id).value(0);
-  QString sState = _CheckConnected();
-  if (!sState.isEmpty()) {
-    SetError(Id, sState);
+  if (!_Ready(Id)) {
     return;
   }
   int Idx = RegisterIndexByName(sName);
@@ -366,13 +369,10 @@ void CTargetCommands::OnActionTargetSetRegTriggered() {
   }
   QStringList Args = GetArguments(Id);
   U32 Value = 0;
-  if (!_ParseU32(Args[1], &Value)) {
-    SetError(Id, "invalid parameter", Args[1]);
+  if (!_ArgU32(Id, Args, 1, &Value)) {
     return;
   }
-  QString sState = _CheckConnected();
-  if (!sState.isEmpty()) {
-    SetError(Id, sState);
+  if (!_Ready(Id)) {
     return;
   }
   int Idx = RegisterIndexByName(Args[0]);

@@ -2,6 +2,7 @@
 // item-wise reads behind a hole, the download path for flash, and the jobs that carry them.
 #include <QString>
 #include <cstring>
+#include <functional>
 #include <vector>
 
 #include "device/Device.h"
@@ -322,57 +323,57 @@ int CDevice::EndDownload(bool DoHalt) {
   return r;
 }
 
-int CDevice::ReadWord(U32 Addr, U32* pOutWord) {
-  if (pOutWord == nullptr) {
+// A word or half word read with its own messages: the value is left as the fill pattern on failure.
+template <typename T>
+static int _ReadAligned(bool Connected, U32 Addr, T* pOut, T Fill, U32 LastAddr, const char* sWhat,
+                        const char* sNotConnected, const std::function<void(const QString&)>& Debug,
+                        const std::function<void(const QString&)>& Warn) {
+  if (pOut == nullptr) {
     return -1;
   }
-  *pOutWord = 0xEEEEEEEE;
-  if (!_Connected.load()) {
-    _LogDebugMsg("ReadWord: Not connected");
+  *pOut = Fill;
+  if (!Connected) {
+    Debug(sNotConnected);
     return -1;
   }
-  if (Addr == 0xFFFFFFFB) {
-    _LogWarnMsg("ReadWord: Outside address range");
+  if (Addr == LastAddr) {
+    Warn(QString("%1: Outside address range").arg(sWhat));
     return -1;
   }
-  if (Addr % 4 != 0) {
-    _LogWarnMsg(QString("Attempting to read word unaligned at %1").arg(Addr, 0, 16));
+  if (Addr % sizeof(T) != 0) {
+    Warn(QString("Attempting to read %1 unaligned at %2")
+             .arg(sizeof(T) == 4 ? "word" : "half word")
+             .arg(Addr, 0, 16));
     return -1;
   }
   U8 Status = 1;
-  U32 Word = 0;
-  if (_Api().TARVIKARM_ReadMemU32(Addr, 1, &Word, &Status) != 1 || Status != 0) {
+  T Value = 0;
+  int Read;
+  if constexpr (sizeof(T) == 4) {
+    Read = _Api().TARVIKARM_ReadMemU32(Addr, 1, &Value, &Status);
+  } else {
+    Read = _Api().TARVIKARM_ReadMemU16(Addr, 1, &Value, &Status);
+  }
+  if (Read != 1 || Status != 0) {
+    if (sizeof(T) == 2) {
+      Warn("ReadHalfWord: Tarvik API call failed");
+    }
     return -1;
   }
-  *pOutWord = Word;
+  *pOut = Value;
   return 0;
 }
 
+int CDevice::ReadWord(U32 Addr, U32* pOutWord) {
+  return _ReadAligned<U32>(
+      _Connected.load(), Addr, pOutWord, 0xEEEEEEEE, 0xFFFFFFFB, "ReadWord", "ReadWord: Not connected",
+      [this](const QString& s) { _LogDebugMsg(s); }, [this](const QString& s) { _LogWarnMsg(s); });
+}
+
 int CDevice::ReadHalfWord(U32 Addr, U16* pOutHW) {
-  if (pOutHW == nullptr) {
-    return -1;
-  }
-  *pOutHW = 0xEEEE;
-  if (!_Connected.load()) {
-    _LogDebugMsg("ReadHalfWord: not connected");
-    return -1;
-  }
-  if (Addr == 0xFFFFFFFD) {
-    _LogWarnMsg("ReadHalfWord: Outside address range");
-    return -1;
-  }
-  if (Addr % 2 != 0) {
-    _LogWarnMsg(QString("Attempting to read half word unaligned at %1").arg(Addr, 0, 16));
-    return -1;
-  }
-  U8 Status = 1;
-  U16 Half = 0;
-  if (_Api().TARVIKARM_ReadMemU16(Addr, 1, &Half, &Status) != 1 || Status != 0) {
-    _LogWarnMsg("ReadHalfWord: Tarvik API call failed");
-    return -1;
-  }
-  *pOutHW = Half;
-  return 0;
+  return _ReadAligned<U16>(
+      _Connected.load(), Addr, pOutHW, 0xEEEE, 0xFFFFFFFD, "ReadHalfWord", "ReadHalfWord: not connected",
+      [this](const QString& s) { _LogDebugMsg(s); }, [this](const QString& s) { _LogWarnMsg(s); });
 }
 
 int CDevice::ReadReg(U32 Idx, I64* pOutRegVal) {

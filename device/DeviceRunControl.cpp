@@ -46,6 +46,38 @@ const TARVIK_API& _Api() {
   return GetTarvikApi();
 }
 
+// The probe's record of a device in its list, and the name of its core. -1 for an index below 1 or one
+// the probe does not know.
+int _ReadDeviceInfo(int Index, TARVIK_DEVICE_INFO* pInfo, char (&acCore)[64]) {
+  if (Index < 1) {
+    return -1;
+  }
+  memset(pInfo, 0, sizeof(*pInfo));
+  pInfo->SizeOfStruct = sizeof(*pInfo);
+  if (_Api().TARVIKARM_DEVICE_GetInfo(Index, pInfo) < 0) {
+    return -1;
+  }
+  memset(acCore, 0, sizeof(acCore));
+  _Api().TARVIKARM_Core2CoreName(pInfo->Core, acCore, sizeof(acCore));
+  return 0;
+}
+
+// The handle of the probe's breakpoint at Addr, or 0.
+U32 _FindProbeBreakpoint(U32 Addr) {
+  TARVIK_BP_INFO Info;
+  memset(&Info, 0, sizeof(Info));
+  Info.SizeOfStruct = sizeof(Info);
+  int Count = _Api().TARVIKARM_GetBPInfoEx(-1, &Info);
+  for (int i = 0; i < Count; ++i) {
+    memset(&Info, 0, sizeof(Info));
+    Info.SizeOfStruct = sizeof(Info);
+    if (_Api().TARVIKARM_GetBPInfoEx(i, &Info) >= 0 && Info.Handle != 0 && Info.Addr == Addr) {
+      return Info.Handle;
+    }
+  }
+  return 0;
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------------------------------------------
@@ -241,18 +273,8 @@ int CDevice::_Execute(DEVICE_JOB* pJob) {
       if (!_Connected.load()) {
         return -1;
       }
-      TARVIK_BP_INFO Info;
-      memset(&Info, 0, sizeof(Info));
-      Info.SizeOfStruct = sizeof(Info);
-      int Count = _Api().TARVIKARM_GetBPInfoEx(-1, &Info);
-      for (int i = 0; i < Count; ++i) {
-        memset(&Info, 0, sizeof(Info));
-        Info.SizeOfStruct = sizeof(Info);
-        if (_Api().TARVIKARM_GetBPInfoEx(i, &Info) >= 0 && Info.Addr == U32(a[0]) && Info.Handle != 0) {
-          return _Api().TARVIKARM_ClrBPEx(Info.Handle) == 0 ? 0 : -1;
-        }
-      }
-      return -1;
+      U32 Handle = _FindProbeBreakpoint(U32(a[0]));
+      return Handle != 0 && _Api().TARVIKARM_ClrBPEx(Handle) == 0 ? 0 : -1;
     }
     case JT_CLEAR_ALL_BPS:
       if (!_Connected.load()) {
@@ -550,18 +572,11 @@ int CDevice::_GetDeviceInfo(const char* sDevice, U32 OutSize, char* acCoreName) 
     return -1;
   }
   acCoreName[0] = 0;
-  int Index = _Api().TARVIKARM_DEVICE_GetIndex(sDevice ? sDevice : "");
-  if (Index < 1) {
-    return -1;
-  }
   TARVIK_DEVICE_INFO Info;
-  memset(&Info, 0, sizeof(Info));
-  Info.SizeOfStruct = sizeof(Info);
-  if (_Api().TARVIKARM_DEVICE_GetInfo(Index, &Info) < 0) {
+  char acName[64];
+  if (_ReadDeviceInfo(_Api().TARVIKARM_DEVICE_GetIndex(sDevice ? sDevice : ""), &Info, acName) < 0) {
     return -1;
   }
-  char acName[64] = {0};
-  _Api().TARVIKARM_Core2CoreName(Info.Core, acName, sizeof(acName));
   snprintf(acCoreName, OutSize, "%s", acName);
   return 0;
 }
@@ -577,17 +592,11 @@ int CDevice::_UpdateDeviceInfo() {
   if (Index < 1) {
     Index = _Api().TARVIKARM_DEVICE_GetIndex(c.sDeviceName.toUtf8().constData());
   }
-  if (Index < 1) {
-    return -1;
-  }
   TARVIK_DEVICE_INFO Info;
-  memset(&Info, 0, sizeof(Info));
-  Info.SizeOfStruct = sizeof(Info);
-  if (_Api().TARVIKARM_DEVICE_GetInfo(Index, &Info) < 0) {
+  char acCore[64];
+  if (_ReadDeviceInfo(Index, &Info, acCore) < 0) {
     return -1;
   }
-  char acCore[64] = {0};
-  _Api().TARVIKARM_Core2CoreName(Info.Core, acCore, sizeof(acCore));
   QMutexLocker Lock(&_ConfigMutex);
   _Config.sDeviceName = Info.sName ? QString::fromUtf8(Info.sName) : QString("Unspecified");
   _CoreId = Info.Core;
@@ -962,20 +971,7 @@ bool CDevice::_IsSemihostingCall(U32 Addr) {
 
 bool CDevice::_IsUserBreakpointAt(U32 Addr) {
   // The probe's own list tells which breakpoints are set; the session's list takes over when it exists.
-  const TARVIK_API& Api = _Api();
-  TARVIK_BP_INFO Info;
-  memset(&Info, 0, sizeof(Info));
-  Info.SizeOfStruct = sizeof(Info);
-  int Count = Api.TARVIKARM_GetBPInfoEx(-1, &Info);
-  for (int i = 0; i < Count; ++i) {
-    memset(&Info, 0, sizeof(Info));
-    Info.SizeOfStruct = sizeof(Info);
-    if (Api.TARVIKARM_GetBPInfoEx(i, &Info) >= 0 && Info.Handle != 0 && Info.Addr == Addr &&
-        U64(Addr) != _HiddenBPAddr) {
-      return true;
-    }
-  }
-  return false;
+  return U64(Addr) != _HiddenBPAddr && _FindProbeBreakpoint(Addr) != 0;
 }
 
 bool CDevice::_ResumeWhenSHIRQIsDiscarded(U32 Addr) {

@@ -15,6 +15,7 @@
 #include "device/DeviceEventListener.h"
 #include "device/DeviceEvents.h"
 #include "device/tests/FakeProbe.h"
+#include "device/tests/PumpUntil.h"
 
 namespace {
 
@@ -171,18 +172,6 @@ std::vector<U8> InitialBytes(U32 Addr, U32 n) {
     a[i] = InitialByte(Addr + i);
   }
   return a;
-}
-
-bool PumpUntil(const std::function<bool()>& Done, int TimeoutMS = 5000) {
-  auto End = std::chrono::steady_clock::now() + std::chrono::milliseconds(TimeoutMS);
-  while (std::chrono::steady_clock::now() < End) {
-    DispatchDeviceEvents(10);
-    if (Done()) {
-      return true;
-    }
-    QThread::yieldCurrentThread();
-  }
-  return Done();
 }
 
 class DataProvider : public ::testing::Test {

@@ -13,6 +13,7 @@
 #include "device/DeviceEventListener.h"
 #include "device/DeviceEvents.h"
 #include "device/tests/FakeProbe.h"
+#include "device/tests/PumpUntil.h"
 
 namespace {
 
@@ -47,19 +48,6 @@ struct RECORDER : CDeviceEventListener {
   void OnDeviceConnectionLost() override { Calls << "ConnectionLost"; }
   void OnDeviceAboutToStep() override { Calls << "AboutToStep"; }
 };
-
-// Dispatches device events on this thread until Done() holds or the bound runs out.
-bool PumpUntil(const std::function<bool()>& Done, int TimeoutMS = 5000) {
-  auto End = std::chrono::steady_clock::now() + std::chrono::milliseconds(TimeoutMS);
-  while (std::chrono::steady_clock::now() < End) {
-    DispatchDeviceEvents(10);
-    if (Done()) {
-      return true;
-    }
-    QThread::yieldCurrentThread();
-  }
-  return Done();
-}
 
 class DeviceQueue : public ::testing::Test {
  protected:

@@ -12,20 +12,9 @@
 #include "device/DeviceEventListener.h"
 #include "device/DeviceEvents.h"
 #include "device/probe/ProbeCore.h"
+#include "device/tests/PumpUntil.h"
 
 namespace {
-
-bool PumpUntil(const std::function<bool()>& Done, int TimeoutMS = 10000) {
-  auto End = std::chrono::steady_clock::now() + std::chrono::milliseconds(TimeoutMS);
-  while (std::chrono::steady_clock::now() < End) {
-    DispatchDeviceEvents(10);
-    if (Done()) {
-      return true;
-    }
-    QThread::yieldCurrentThread();
-  }
-  return Done();
-}
 
 struct SESSION_RECORDER : CDeviceEventListener {
   QStringList Calls;
