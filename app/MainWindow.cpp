@@ -346,18 +346,30 @@ void CMainWindow::OnWindowShown() {
 }
 
 void CMainWindow::OnConsoleTimer() {
+  // Connects and resets that scripts and console commands make are not all reported as events; the
+  // menus follow the device's state whatever changed it.
+  if (CDevice::HasInstance()) {
+    CDevice* pDevice = CDevice::Instance();
+    int State = (pDevice->IsConnected() ? 1 : 0) | (pDevice->IsHalted() ? 2 : 0);
+    if (State != _LastDeviceState) {
+      _LastDeviceState = State;
+      UpdateActions();
+    }
+  }
   CONSOLE_MSG Msg;
   int n = 0;
   bool Printed = false;
   while (n < 100 && ConsoleTakeMessage(&Msg)) {
     QColor Color = Msg.ColorID >= 0 ? GetColor(Msg.ColorID) : QColor::fromRgba(Msg.Color);
-    QString sText = QString::fromUtf8(Msg.acText).toHtmlEscaped();
-    if (Color.alpha() == 0) {
-      _pConsoleView->appendHtml("<span style=\"white-space:pre\">" + sText + "</span>");
-    } else {
-      _pConsoleView->appendHtml("<span style=\"white-space:pre; color:" + Color.name() + "\">" + sText +
-                                "</span>");
+    QString sStyle = "white-space:pre;";
+    if (Color.alpha() != 0) {
+      sStyle += " color:" + Color.name() + ";";
     }
+    if (Msg.Mono) {
+      sStyle += " font-family:monospace;";
+    }
+    QString sText = QString::fromUtf8(Msg.acText).toHtmlEscaped();
+    _pConsoleView->appendHtml("<span style=\"" + sStyle + "\">" + sText + "</span>");
     Printed = true;
     ++n;
   }

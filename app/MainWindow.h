@@ -81,4 +81,5 @@ class CMainWindow : public CWindow {
   bool _ShownOnce = false;
   bool _ShutDown = false;
   int _PerspectiveState = 2;
+  int _LastDeviceState = 0;  // bit 0 connected, bit 1 halted, as the menus last showed it
 };
