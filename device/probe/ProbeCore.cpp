@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "device/probe/Disassembler.h"
+#include "device/probe/GdbRemote.h"
 #include "device/probe/MctHost.h"
 #include "device/probe/SimTarget.h"
 
@@ -31,6 +32,8 @@ struct DATA_EVENT {
 struct CORE_STATE {
   std::vector<PROBE_DEVICE> aDevices;
   int DeviceIndex = -1;  // chosen by "device=", -1 none
+  bool UseIP = false;    // SelectIP chose a gdbserver for the next Open
+  std::string sIPHost;   // its "host[:port]"
   CProbeBackend* pBackend = nullptr;
   const PROBE_DEVICE* pDevice = nullptr;
   bool IsOpen = false;
@@ -321,6 +324,7 @@ void PROBE_ResetLayer() {
   S.aBreakpoints.clear();
   S.aDataEvents.clear();
   S.DeviceIndex = -1;
+  S.UseIP = false;
   S.pfLog = S.pfWarn = S.pfError = nullptr;
   S.SoftBPsEnabled = false;
   S.ResetType = 0;
@@ -346,7 +350,8 @@ const char* TARVIKARM_Open(void) {
     snprintf(S.acOpenError, sizeof(S.acOpenError), "no target device available (index %d)", Index);
     return S.acOpenError;
   }
-  CProbeBackend* pBackend = pDevice->pfGetBackend(*pDevice);
+  // Through IP the device still names the chip (memory, core); the gdbserver moves it.
+  CProbeBackend* pBackend = S.UseIP ? GDB_GetRemoteBackend(S.sIPHost) : pDevice->pfGetBackend(*pDevice);
   std::string sError;
   if (!pBackend || pBackend->Open(&S.Streams, sError) != 0) {
     snprintf(S.acOpenError, sizeof(S.acOpenError), "%s",
@@ -357,7 +362,11 @@ const char* TARVIKARM_Open(void) {
   S.pDevice = pDevice;
   S.IsOpen = true;
   S.IsConnected = false;
-  PROBE_Log("Opened target \"%s\"", pDevice->sName.c_str());
+  if (S.UseIP) {
+    PROBE_Log("Opened target \"%s\" through gdbserver %s", pDevice->sName.c_str(), S.sIPHost.c_str());
+  } else {
+    PROBE_Log("Opened target \"%s\"", pDevice->sName.c_str());
+  }
   return nullptr;
 }
 
@@ -432,15 +441,34 @@ U8 TARVIKARM_IsConnected(void) {
 }
 
 int TARVIKARM_SelectUSB(int Port) {
-  return Port == 0 ? 0 : -1;
-}
-
-int TARVIKARM_EMU_SelectByUSBSN(U32 SerialNo) {
+  CProbeLock Lock;
+  if (Port != 0) {
+    return -1;
+  }
+  _State().UseIP = false;
   return 0;
 }
 
+int TARVIKARM_EMU_SelectByUSBSN(U32 SerialNo) {
+  CProbeLock Lock;
+  _State().UseIP = false;
+  return 0;
+}
+
+// "host[:port]" of a gdbserver; a non-zero Port overrides the one in the text.
 U8 TARVIKARM_SelectIP(const char* sHost, int Port) {
-  return (sHost && *sHost) ? 0 : 1;
+  CProbeLock Lock;
+  std::string sName, sError;
+  U16 ParsedPort = 0;
+  if (!sHost || !GDB_ParseHostPort(sHost, kGdbDefaultPort, sName, &ParsedPort, sError) || Port < 0 ||
+      Port > 65535) {
+    PROBE_Error("SelectIP: %s", sHost ? sError.c_str() : "no host given");
+    return 1;
+  }
+  CORE_STATE& S = _State();
+  S.UseIP = true;
+  S.sIPHost = sName + ":" + std::to_string(Port ? Port : ParsedPort);
+  return 0;
 }
 
 U32 TARVIKARM_GetSN(void) {

@@ -1,0 +1,337 @@
+// The GDB remote back-end against a scripted server: the replies are those QEMU 7.2 gave for
+// mps2-an385 (recorded with "set debug remote 1" in gdb-multiarch), changed per test to refusals,
+// damaged packets and hang-ups. Everything goes through the probe operations with the IP interface.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "device/probe/GdbPacket.h"
+#include "device/probe/ProbeCore.h"
+#include "device/probe/tests/GdbFakeServer.h"
+
+namespace {
+
+const char kQemuTarget[] =
+    "<?xml version=\"1.0\"?><!DOCTYPE target SYSTEM "
+    "\"gdb-target.dtd\"><target><architecture>arm</architecture>"
+    "<xi:include href=\"arm-m-profile.xml\"/><xi:include href=\"system-registers.xml\"/></target>";
+const char kQemuMProfile[] =
+    "<feature name=\"org.gnu.gdb.arm.m-profile\">\n"
+    "  <reg name=\"r0\" bitsize=\"32\"/>\n  <reg name=\"r1\" bitsize=\"32\"/>\n  <reg name=\"r2\" "
+    "bitsize=\"32\"/>\n"
+    "  <reg name=\"r3\" bitsize=\"32\"/>\n  <reg name=\"r4\" bitsize=\"32\"/>\n  <reg name=\"r5\" "
+    "bitsize=\"32\"/>\n"
+    "  <reg name=\"r6\" bitsize=\"32\"/>\n  <reg name=\"r7\" bitsize=\"32\"/>\n  <reg name=\"r8\" "
+    "bitsize=\"32\"/>\n"
+    "  <reg name=\"r9\" bitsize=\"32\"/>\n  <reg name=\"r10\" bitsize=\"32\"/>\n  <reg name=\"r11\" "
+    "bitsize=\"32\"/>\n"
+    "  <reg name=\"r12\" bitsize=\"32\"/>\n  <reg name=\"sp\" bitsize=\"32\" type=\"data_ptr\"/>\n"
+    "  <reg name=\"lr\" bitsize=\"32\"/>\n  <reg name=\"pc\" bitsize=\"32\" type=\"code_ptr\"/>\n"
+    "  <reg name=\"xpsr\" bitsize=\"32\" regnum=\"25\"/>\n</feature>\n";
+const char kQemuSystem[] =
+    "<?xml version=\"1.0\"?><!DOCTYPE target SYSTEM \"gdb-target.dtd\"><feature "
+    "name=\"org.qemu.gdb.arm.sys.regs\">"
+    "</feature>";
+
+// A server that behaves like QEMU: 64 KiB of memory at 0x20000000, the registers r0..pc, xpsr.
+struct FAKE_TARGET {
+  std::vector<U8> aMem = std::vector<U8>(0x10000, 0);
+  std::vector<U32> aRegs = std::vector<U32>(17, 0);
+  std::map<std::string, FAKE_REPLY> mOverride;  // by packet prefix, tested first
+  std::string sDescription = kQemuMProfile;
+  int NacksLeft = 0;  // memory reads answered with "-" before one is taken
+
+  FAKE_REPLY Handle(const std::string& s) {
+    for (auto& [sPrefix, Reply] : mOverride) {
+      if (s.rfind(sPrefix, 0) == 0) {
+        return Reply;
+      }
+    }
+    auto Ok = [](std::string sReply) { return FakeReply(std::move(sReply)); };
+    if (s.rfind("qSupported", 0) == 0) {
+      return Ok("PacketSize=1000;qXfer:features:read+;vContSupported+;multiprocess+");
+    }
+    if (s.rfind("qXfer:features:read:target.xml:", 0) == 0) {
+      return Ok(std::string("l") + kQemuTarget);
+    }
+    if (s.rfind("qXfer:features:read:arm-m-profile.xml:", 0) == 0) {
+      return Ok("l" + sDescription);
+    }
+    if (s.rfind("qXfer:features:read:system-registers.xml:", 0) == 0) {
+      return Ok(std::string("l") + kQemuSystem);
+    }
+    if (s == "?") {
+      return Ok("T05thread:p01.01;");
+    }
+    if (s == "g") {
+      std::string sHex;
+      for (U32 v : aRegs) {
+        sHex += GDB_U32ToTargetHex(v);
+      }
+      return Ok(sHex);
+    }
+    if (s.rfind("P", 0) == 0) {
+      U32 Number = 0;
+      std::vector<U8> a;
+      size_t Eq = s.find('=');
+      if (GDB_ParseHexU32(s.substr(1, Eq - 1), &Number) && GDB_FromHex(s.substr(Eq + 1), a) &&
+          a.size() == 4) {
+        U32 Index = Number == 25 ? 16 : Number;
+        if (Index < 17) {
+          aRegs[Index] = U32(a[0]) | U32(a[1]) << 8 | U32(a[2]) << 16 | U32(a[3]) << 24;
+          return Ok("OK");
+        }
+      }
+      return Ok("E14");
+    }
+    if (s[0] == 'm' && NacksLeft > 0) {
+      NacksLeft--;
+      return FakeNack();
+    }
+    if (s[0] == 'm' || s[0] == 'M' || s[0] == 'X') {
+      size_t Comma = s.find(','), Colon = s.find(':');
+      U32 Addr = 0, Len = 0;
+      GDB_ParseHexU32(s.substr(1, Comma - 1), &Addr);
+      GDB_ParseHexU32(s.substr(Comma + 1, Colon == std::string::npos ? std::string::npos : Colon - Comma - 1),
+                      &Len);
+      if (Addr < 0x20000000 || Addr - 0x20000000 + Len > aMem.size()) {
+        return Ok("E14");
+      }
+      U8* p = &aMem[Addr - 0x20000000];
+      if (s[0] == 'm') {
+        return Ok(GDB_ToHex(p, Len));
+      }
+      std::vector<U8> a;
+      if (s[0] == 'M') {
+        GDB_FromHex(s.substr(Colon + 1), a);
+      } else {
+        a.assign(s.begin() + long(Colon) + 1, s.end());
+      }
+      std::copy(a.begin(), a.end(), p);
+      return Ok("OK");
+    }
+    if (s == "c") {
+      return {};  // runs until interrupted
+    }
+    if (s == "\x03") {
+      return Ok("T02thread:01;");
+    }
+    if (s == "s") {
+      aRegs[15] += 2;
+      return Ok("T05thread:01;");
+    }
+    if (s == "D") {
+      return Ok("OK");
+    }
+    return Ok("");
+  }
+};
+
+// A session through the IP interface with the fake server; the layer is reset afterwards.
+class CGdbSession {
+ public:
+  explicit CGdbSession(FAKE_TARGET* pTarget)
+      : Server([pTarget](const std::string& s) { return pTarget->Handle(s); }) {
+    PROBE_ResetLayer();
+    TARVIKARM_SetErrorOutHandler(&_CollectError);
+    _asErrors().clear();
+    EXPECT_EQ(TARVIKARM_SelectIP(Server.GetAddress().c_str(), 0), 0);
+  }
+  ~CGdbSession() { PROBE_ResetLayer(); }
+  bool Start() { return TARVIKARM_Open() == nullptr && TARVIKARM_Connect() == 0; }
+  static std::string Errors() {
+    std::string s;
+    for (const std::string& e : _asErrors()) {
+      s += e + "\n";
+    }
+    return s;
+  }
+
+  CFakeGdbServer Server;
+
+ private:
+  static std::vector<std::string>& _asErrors() {
+    static std::vector<std::string> as;
+    return as;
+  }
+  static void _CollectError(const char* s) { _asErrors().push_back(s); }
+};
+
+TEST(GdbRemote, RegistersFollowTheTargetDescription) {
+  // QEMU numbers xPSR 25 and has no MSP/PSP/CONTROL; a server with the system registers numbers them
+  // on from 26 and sends them after xPSR in "g".
+  std::string sWithSystem = std::string(kQemuMProfile) +
+                            "<feature name=\"org.gnu.gdb.arm.m-system\"><reg name=\"msp\" bitsize=\"32\" "
+                            "regnum=\"26\"/><reg name=\"psp\" bitsize=\"32\"/></feature>";
+  const struct {
+    std::string sDescription;
+    int NumRegs;
+    bool HasMSP;
+  } aCases[] = {{kQemuMProfile, 17, false}, {sWithSystem, 19, true}};
+  for (const auto& C : aCases) {
+    FAKE_TARGET Target;
+    Target.sDescription = C.sDescription;
+    Target.aRegs.resize(size_t(C.NumRegs));
+    for (size_t i = 0; i < Target.aRegs.size(); i++) {
+      Target.aRegs[i] = 0x1000 + U32(i);
+    }
+    CGdbSession Session(&Target);
+    ASSERT_TRUE(Session.Start()) << CGdbSession::Errors();
+    EXPECT_EQ(TARVIKARM_ReadReg(0), 0x1000u);
+    EXPECT_EQ(TARVIKARM_ReadReg(PROBE_REG_PC), 0x100Fu);
+    EXPECT_EQ(TARVIKARM_ReadReg(PROBE_REG_XPSR), 0x1010u);
+    U32 aIndex[2] = {PROBE_REG_MSP, PROBE_REG_PSP}, aData[2];
+    U8 aStatus[2];
+    EXPECT_EQ(TARVIKARM_ReadRegs(aIndex, aData, aStatus, 2) == 0, C.HasMSP);
+    if (C.HasMSP) {
+      EXPECT_EQ(aData[0], 0x1011u);
+      EXPECT_EQ(aData[1], 0x1012u);
+    }
+    EXPECT_EQ(TARVIKARM_WriteReg(PROBE_REG_XPSR, 0x01000000), 0);
+    EXPECT_EQ(Target.aRegs[16], 0x01000000u);
+    EXPECT_EQ(Session.Server.CountReceived("P19=00000001"), 1);  // xPSR written by its number, 25
+  }
+}
+
+TEST(GdbRemote, RefusedPacketsFallBackToTheirAlternatives) {
+  // A server without P and X (empty replies): registers go back with G, memory with M.
+  FAKE_TARGET Target;
+  Target.mOverride["P"] = FakeReply("");
+  Target.mOverride["X"] = FakeReply("");
+  Target.mOverride["G"] = FakeReply("OK");
+  CGdbSession Session(&Target);
+  ASSERT_TRUE(Session.Start());
+  EXPECT_EQ(TARVIKARM_WriteReg(2, 0xCAFEF00D), 0);
+  std::string sG;
+  for (const std::string& s : Session.Server.GetReceived()) {
+    if (s[0] == 'G') {
+      sG = s;
+    }
+  }
+  ASSERT_EQ(sG.size(), 1u + 17 * 8);
+  EXPECT_EQ(sG.substr(1 + 2 * 8, 8), "0df0feca");
+  U8 aData[300];
+  for (size_t i = 0; i < sizeof(aData); i++) {
+    aData[i] = U8(i * 7);  // includes '#', '$', '}' and '*'
+  }
+  EXPECT_EQ(TARVIKARM_WriteMemEx(0x20000100, sizeof(aData), aData, 0), int(sizeof(aData)));
+  EXPECT_TRUE(std::equal(aData, aData + sizeof(aData), Target.aMem.begin() + 0x100));
+  EXPECT_GE(Session.Server.CountReceived("M20000100,"), 1);
+}
+
+TEST(GdbRemote, ChunksStayWithinPacketSizeAndBinaryDataSurvives) {
+  FAKE_TARGET Target;
+  CGdbSession Session(&Target);
+  ASSERT_TRUE(Session.Start());
+  std::vector<U8> aData(10000);
+  for (size_t i = 0; i < aData.size(); i++) {
+    aData[i] = U8(i * 13 + (i >> 8));
+  }
+  EXPECT_EQ(TARVIKARM_WriteMemEx(0x20001000, U32(aData.size()), aData.data(), 0), int(aData.size()));
+  std::vector<U8> aBack(aData.size());
+  EXPECT_EQ(TARVIKARM_ReadMemEx(0x20001000, U32(aBack.size()), aBack.data(), 0), int(aBack.size()));
+  EXPECT_EQ(aBack, aData);
+  for (const std::string& s : Session.Server.GetReceived()) {
+    EXPECT_LE(GDB_Frame(GDB_EscapeBinary(reinterpret_cast<const U8*>(s.data()), s.size())).size(), 0x1000u)
+        << s.substr(0, 20);
+  }
+  // A read that runs into memory the server refuses gives the bytes up to there.
+  std::vector<U8> aTail(0x30);
+  EXPECT_EQ(TARVIKARM_ReadMemEx(0x2000FFF0, U32(aTail.size()), aTail.data(), 0), -1);
+}
+
+TEST(GdbRemote, MalformedRepliesFailTheOperationAndNameThePacket) {
+  const struct {
+    const char* sPrefix;
+    const char* sReply;
+    const char* sNamed;
+  } aCases[] = {{"m", "0g", "m20000000"}, {"m", "00112233445566778899", "m20000000"}, {"g", "123", "\"g\""}};
+  for (const auto& C : aCases) {
+    FAKE_TARGET Target;
+    Target.mOverride[C.sPrefix] = FakeReply(C.sReply);
+    Target.mOverride["p"] = FakeReply("E14");
+    CGdbSession Session(&Target);
+    ASSERT_TRUE(Session.Start());
+    U8 ac[4];
+    U32 Index = 0, Value;
+    U8 Status;
+    if (C.sPrefix[0] == 'm') {
+      EXPECT_EQ(TARVIKARM_ReadMemEx(0x20000000, 4, ac, 0), -1) << C.sReply;
+    } else {
+      EXPECT_NE(TARVIKARM_ReadRegs(&Index, &Value, &Status, 1), 0);
+    }
+    EXPECT_NE(CGdbSession::Errors().find(C.sNamed), std::string::npos) << CGdbSession::Errors();
+  }
+}
+
+TEST(GdbRemote, NackedPacketIsSentAgainUpToThreeTimes) {
+  const struct {
+    int NumNacks;
+    bool ReadWorks;
+  } aCases[] = {{1, true}, {3, true}, {4, false}};
+  for (const auto& C : aCases) {
+    FAKE_TARGET Target;
+    Target.aMem[0] = 0x5A;
+    Target.NacksLeft = C.NumNacks;
+    CGdbSession Session(&Target);
+    ASSERT_TRUE(Session.Start());
+    U8 b = 0;
+    EXPECT_EQ(TARVIKARM_ReadMemEx(0x20000000, 1, &b, 0) == 1, C.ReadWorks) << C.NumNacks;
+    EXPECT_EQ(b, C.ReadWorks ? 0x5A : 0);
+    EXPECT_EQ(Session.Server.CountReceived("m20000000,1"), std::min(C.NumNacks + 1, 4));
+  }
+}
+
+TEST(GdbRemote, ServerThatStopsAnsweringTimesOut) {
+  FAKE_TARGET Target;
+  Target.mOverride["m"] = FAKE_REPLY{};
+  CGdbSession Session(&Target);
+  ASSERT_TRUE(Session.Start());
+  U8 ac[4];
+  auto Start = std::chrono::steady_clock::now();
+  EXPECT_EQ(TARVIKARM_ReadMemEx(0x20000000, 4, ac, 0), -1);
+  EXPECT_LT(std::chrono::steady_clock::now() - Start, std::chrono::seconds(10));
+  EXPECT_NE(CGdbSession::Errors().find("time-out"), std::string::npos) << CGdbSession::Errors();
+}
+
+TEST(GdbRemote, HangUpMarksTheTargetLostWithoutKillingTheProcess) {
+  // The server hangs up on "c" (while the target runs) or on a memory write; either way the target
+  // counts as lost and later calls fail instead of raising SIGPIPE.
+  for (const char* sPrefix : {"c", "X"}) {
+    FAKE_TARGET Target;
+    Target.mOverride[sPrefix] = FakeHangUp();
+    CGdbSession Session(&Target);
+    ASSERT_TRUE(Session.Start());
+    U8 aData[64] = {};
+    if (sPrefix[0] == 'c') {
+      TARVIKARM_GoEx(0, 1);
+    } else {
+      EXPECT_EQ(TARVIKARM_WriteMemEx(0x20000000, sizeof(aData), aData, 0), -1);
+    }
+    auto End = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (TARVIKARM_IsHalted() >= 0 && std::chrono::steady_clock::now() < End) {
+      std::this_thread::yield();
+    }
+    EXPECT_LT(TARVIKARM_IsHalted(), 0) << sPrefix;
+    EXPECT_EQ(TARVIKARM_IsConnected(), 0);
+    EXPECT_EQ(TARVIKARM_WriteMemEx(0x20000000, sizeof(aData), aData, 0), -1);
+    EXPECT_NE(TARVIKARM_Halt(), 0);
+  }
+}
+
+TEST(GdbRemote, InterruptStopsARunningTarget) {
+  FAKE_TARGET Target;
+  CGdbSession Session(&Target);
+  ASSERT_TRUE(Session.Start());
+  TARVIKARM_GoEx(0, 1);
+  EXPECT_EQ(TARVIKARM_IsHalted(), 0);
+  EXPECT_EQ(TARVIKARM_Halt(), 0);
+  EXPECT_GT(TARVIKARM_IsHalted(), 0);
+  EXPECT_EQ(Session.Server.CountReceived("\x03"), 1);
+}
+
+}  // namespace
