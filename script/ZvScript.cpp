@@ -478,3 +478,34 @@ int ZvScriptRunFile(const QString& sPath, const QString& sFunction) {
   }
   return r == 0 ? 0 : -1;
 }
+
+SCRIPT_RUN_OPTIONS ParseScriptRunOptions(const QStringList& Args) {
+  SCRIPT_RUN_OPTIONS Options;
+  for (int i = 1; i < Args.size(); ++i) {
+    const bool IsFile = Args[i] == "--script";
+    if (!IsFile && Args[i] != "--script-function") {
+      continue;
+    }
+    if (i + 1 >= Args.size() || Args[i + 1].startsWith("--")) {
+      Options.sError = QString("%1 needs a %2").arg(Args[i], IsFile ? "file name" : "function name");
+      continue;
+    }
+    (IsFile ? Options.sFile : Options.sFunction) = Args[++i];
+  }
+  if (Options.sError.isEmpty() && Options.sFile.isEmpty() && !Options.sFunction.isEmpty()) {
+    Options.sError = "--script-function needs --script FILE";
+  }
+  return Options;
+}
+
+int ZvScriptRunFromArguments(const QStringList& Args) {
+  const SCRIPT_RUN_OPTIONS Options = ParseScriptRunOptions(Args);
+  if (!Options.sError.isEmpty()) {
+    ConsoleError(Options.sError);
+    return -1;
+  }
+  if (Options.sFile.isEmpty()) {
+    return 1;
+  }
+  return ZvScriptRunFile(Options.sFile, Options.sFunction);
+}

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <QString>
+#include <QStringList>
 #include <functional>
 
 #include "app/base/Types.h"
@@ -89,3 +90,14 @@ QString ScriptGetFunctionName(int Id);
 // line number. Returns 0, or -1 if the file can't be read, doesn't parse, lacks the function or the
 // run fails.
 int ZvScriptRunFile(const QString& sPath, const QString& sFunction);
+
+// The options of a stand-alone run on the command line: "--script FILE" and "--script-function NAME".
+struct SCRIPT_RUN_OPTIONS {
+  QString sFile;      // empty: no script to run
+  QString sFunction;  // empty: "main"
+  QString sError;     // set when the options themselves are wrong
+};
+SCRIPT_RUN_OPTIONS ParseScriptRunOptions(const QStringList& Args);
+// Runs the script the arguments name, if any. 1 when they name none, 0 when it ran, -1 when the options
+// are wrong (printed in the Console) or the run failed.
+int ZvScriptRunFromArguments(const QStringList& Args);

@@ -357,6 +357,33 @@ TEST_F(ZvScriptApp, AScriptFileThatFailsNamesTheFileTheErrorAndTheLine) {
   }
 }
 
+TEST_F(ZvScriptApp, TheCommandLineNamesTheScriptFileAndItsFunction) {
+  struct CASE {
+    QStringList Args;
+    QString sFile, sFunction, sError;
+  } aCase[] = {
+      {{"zevra", "--batch", "x"}, "", "", ""},
+      {{"zevra", "--script", "a.zvs"}, "a.zvs", "", ""},
+      {{"zevra", "--script-function", "Setup", "--script", "a.zvs"}, "a.zvs", "Setup", ""},
+      {{"zevra", "--script"}, "", "", "--script needs a file name"},
+      {{"zevra", "--script", "--batch", "x"}, "", "", "--script needs a file name"},
+      {{"zevra", "--script-function", "Setup"}, "", "Setup", "--script-function needs --script FILE"},
+  };
+  for (const CASE& c : aCase) {
+    SCRIPT_RUN_OPTIONS Options = ParseScriptRunOptions(c.Args);
+    EXPECT_EQ(Options.sFile, c.sFile) << c.Args.join(' ').toStdString();
+    EXPECT_EQ(Options.sFunction, c.sFunction) << c.Args.join(' ').toStdString();
+    EXPECT_EQ(Options.sError, c.sError) << c.Args.join(' ').toStdString();
+  }
+  QString sPath = WriteFile("setup.zvs", "int Setup(void) { Util.Log(\"setup ran\"); return 0; }\n");
+  EXPECT_EQ(ZvScriptRunFromArguments({"zevra", "--script", sPath, "--script-function", "Setup"}), 0);
+  EXPECT_EQ(ZvScriptRunFromArguments({"zevra", "--batch", "x"}), 1);
+  EXPECT_EQ(ZvScriptRunFromArguments({"zevra", "--script", sPath}), -1);  // no main
+  EXPECT_EQ(Printed(),
+            QStringList({"setup ran",
+                         QString("Error in script file \"%1\": function \"main\" not found").arg(sPath)}));
+}
+
 // ---------------------------------------------------------------------------------------------------
 // The simulated target
 
@@ -379,4 +406,36 @@ TEST_F(ZvScriptApp, AScriptConnectsWritesAndReadsBackOnTheSimulatedTarget) {
                                  "Util.Log (\"upper half read back\");", "upper half read back",
                                  "Util.Log (\"low byte read back\");", "low byte read back"}));
   EXPECT_TRUE(CDevice::Instance()->IsConnected());
+}
+
+TEST_F(ZvScriptApp, RegistersAreReadDirectlyOnceTheApplicationNamesThem) {
+  QString sPath = WriteFile("regs.zvs", R"(int main(void) {
+  Exec.Connect();
+  Exec.Reset();
+  Target.GetReg("PC");
+  if (Target.GetReg("NOPE") == 0) { Util.Log("unknown reads 0"); }
+  return 0;
+}
+)");
+  // Without a resolver the call runs through its row, and the Console shows it.
+  EXPECT_EQ(ZvScriptRunFile(sPath, "main"), 0);
+  EXPECT_EQ(Output.filter("Target.GetReg (\"PC\");").size(), 1);
+
+  QStringList Asked;
+  ScriptSetRegisterResolver([&Asked](const QString& sName) {
+    Asked << sName;
+    return sName == "PC" ? CDevice::Instance()->GetTarvikRegIdx(REG_PC) : -1;
+  });
+  Output.clear();
+  sPath = WriteFile("regs-again.zvs", R"(int main(void) {
+  Target.GetReg("PC");
+  if (Target.GetReg("NOPE") == 0) { Util.Log("unknown reads 0"); }
+  return 0;
+}
+)");
+  EXPECT_EQ(ZvScriptRunFile(sPath, "main"), 0);
+  ScriptSetRegisterResolver({});
+  EXPECT_EQ(Asked, QStringList({"PC", "NOPE"}));
+  EXPECT_TRUE(Output.filter("Target.GetReg").isEmpty());
+  EXPECT_TRUE(Output.contains("unknown reads 0"));
 }
