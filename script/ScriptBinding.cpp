@@ -30,7 +30,7 @@ int _RowByName(const char* sName) {
 }
 
 // The rows whose script call differs from the common path.
-struct SPECIAL_ROWS {
+struct OWN_PATH_ROWS {
   int GetReg = _RowByName("Target.GetReg");
   int ReadU8 = _RowByName("Target.ReadU8");
   int ReadU16 = _RowByName("Target.ReadU16");
@@ -40,8 +40,8 @@ struct SPECIAL_ROWS {
   int SetConnectMode = _RowByName("Debug.SetConnectMode");
 };
 
-const SPECIAL_ROWS& _Special() {
-  static const SPECIAL_ROWS Rows;
+const OWN_PATH_ROWS& _OwnPathRows() {
+  static const OWN_PATH_ROWS Rows;
   return Rows;
 }
 
@@ -123,8 +123,8 @@ bool _SysVarArguments(const SCRIPT_API_CALL* pCall, QStringList* pArgs) {
 }
 
 bool _ConvertArguments(int Id, const SCRIPT_API_CALL* pCall, QStringList* pArgs) {
-  const SPECIAL_ROWS& Special = _Special();
-  if (Id == Special.EditSysVar && pCall->NumArgs == 2) {
+  const OWN_PATH_ROWS& Rows = _OwnPathRows();
+  if (Id == Rows.EditSysVar && pCall->NumArgs == 2) {
     return _SysVarArguments(pCall, pArgs);
   }
   const QList<PARAM_INFO> Params = _ParamsOf(Id);
@@ -137,9 +137,9 @@ bool _ConvertArguments(int Id, const SCRIPT_API_CALL* pCall, QStringList* pArgs)
         return false;
       }
       *pArgs << QString::fromUtf8(sText);
-    } else if (Id == Special.SetResetMode) {
+    } else if (Id == Rows.SetResetMode) {
       *pArgs << _ModeName("RM_", Arg);
-    } else if (Id == Special.SetConnectMode) {
+    } else if (Id == Rows.SetConnectMode) {
       *pArgs << _ModeName("CM_", Arg);
     } else if (Info.IsAddress) {
       *pArgs << QString::asprintf("0x%08X", unsigned(U32(Arg)));
@@ -191,18 +191,18 @@ I32 _ReadRegDirect(const char* sName) {
 
 // Target.GetReg and Target.ReadU8/U16/U32 read without their action. True when the call was one of them.
 bool _TryDirectRead(int Id, const SCRIPT_API_CALL* pCall, I32* pResult) {
-  const SPECIAL_ROWS& Special = _Special();
+  const OWN_PATH_ROWS& Rows = _OwnPathRows();
   if (pCall->NumArgs != 1) {
     return false;
   }
   const U32 Addr = U32(pCall->paArg[0]);
-  if (Id == Special.ReadU32) {
+  if (Id == Rows.ReadU32) {
     *pResult = _ReadMemDirect(Addr, 4);
-  } else if (Id == Special.ReadU16) {
+  } else if (Id == Rows.ReadU16) {
     *pResult = _ReadMemDirect(Addr, 2);
-  } else if (Id == Special.ReadU8) {
+  } else if (Id == Rows.ReadU8) {
     *pResult = _ReadMemDirect(Addr, 1);
-  } else if (Id == Special.GetReg && _ResolveRegister) {
+  } else if (Id == Rows.GetReg && _ResolveRegister) {
     const char* sName = ScriptCheckString(pCall->pContext, pCall->paArg[0]);
     *pResult = sName ? _ReadRegDirect(sName) : -1;
   } else {
