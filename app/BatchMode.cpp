@@ -2,6 +2,7 @@
 #include "app/BatchMode.h"
 
 #include <unistd.h>
+#include <QCoreApplication>
 #include <QFile>
 #include <QStringList>
 #include <QTextStream>
@@ -17,6 +18,7 @@
 #include "app/actions/CommandWait.h"
 #include "app/base/ConsoleCore.h"
 #include "app/base/Log.h"
+#include "script/ZvScript.h"
 
 namespace {
 
@@ -74,6 +76,10 @@ BATCH_OPTIONS ParseBatchOptions(int argc, char** argv) {
       } else {
         Options.sError = "--batch needs a file name (or - for standard input)";
       }
+    } else if (strcmp(argv[i], "--script") == 0 && !Options.Enabled) {
+      // A script file alone runs headless too, with no command lines before it.
+      Options.Enabled = true;
+      Options.sFile = QString();
     } else if (strcmp(argv[i], "--batch-timeout") == 0) {
       bool Ok = false;
       int Seconds = i + 1 < argc ? QString(argv[i + 1]).toInt(&Ok) : 0;
@@ -134,6 +140,11 @@ int RunBatchLines(const QStringList& Lines, int TimeoutSeconds) {
 int RunBatch(const BATCH_OPTIONS& Options) {
   QFile File;
   bool Open;
+  if (Options.sFile.isEmpty()) {
+    CWatchdog Watchdog(Options.TimeoutSeconds);
+    return ZvScriptRunFromArguments(QCoreApplication::arguments()) < 0 ? BATCH_EXIT_SCRIPT_ERROR
+                                                                       : BATCH_EXIT_OK;
+  }
   if (Options.sFile == "-") {
     Open = File.open(stdin, QIODevice::ReadOnly | QIODevice::Text);
   } else {
@@ -147,5 +158,10 @@ int RunBatch(const BATCH_OPTIONS& Options) {
   }
   QStringList Lines = QString::fromUtf8(File.readAll()).split('\n');
   CWatchdog Watchdog(Options.TimeoutSeconds);
-  return RunBatchLines(Lines, Options.TimeoutSeconds);
+  int Code = RunBatchLines(Lines, Options.TimeoutSeconds);
+  // A script file given with --script runs after the lines; its failure is a script error.
+  if (ZvScriptRunFromArguments(QCoreApplication::arguments()) < 0) {
+    return BATCH_EXIT_SCRIPT_ERROR;
+  }
+  return Code;
 }

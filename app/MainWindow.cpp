@@ -35,6 +35,7 @@
 #include "device/Device.h"
 #include "device/DeviceDataProvider.h"
 #include "device/DeviceEvents.h"
+#include "script/ScriptBinding.h"
 
 namespace {
 
@@ -220,6 +221,8 @@ void CMainWindow::_ConnectActions() {
   }
   _pTargetCommands = new CTargetCommands(this);
   _pTargetCommands->ConnectTo(this);
+  // Scripts read registers by name without going through the row, as the register window does.
+  ScriptSetRegisterResolver(&CTargetCommands::RegisterIndexByName);
   CCommandConsole* pConsole = CCommandConsole::Instance();
   pConsole->LinkObject(this);
   QAction* pHelp = new QAction("List Co&mmands", this);

@@ -182,3 +182,40 @@ TEST(Executable, OpeningAProgramLogsHowLongItsDebugInformationTook) {
   }
   EXPECT_TRUE(sText.contains("ElfLib: " + sCut)) << sText.toStdString();  // the reason names the file
 }
+
+TEST(Executable, ScriptFileRunsHeadlessAndAScriptErrorExitsWithTwo) {
+  QTemporaryDir Dir;
+  auto Write = [&Dir](const char* sName, const char* sText) {
+    QFile File(Dir.filePath(sName));
+    EXPECT_TRUE(File.open(QIODevice::WriteOnly));
+    File.write(sText);
+    return Dir.filePath(sName);
+  };
+  const QString sGood = Write("good.zvs",
+                              "int main (void) {\n"
+                              "  int i;\n"
+                              "  int Sum;\n"
+                              "  Sum = 0;\n"
+                              "  i = 1;\n"
+                              "  while (i <= 10) {\n"
+                              "    Sum = Sum + i;\n"
+                              "    i = i + 1;\n"
+                              "  }\n"
+                              "  Exec.Connect();\n"
+                              "  Target.WriteU32(0x20000010, Sum);\n"
+                              "  if (Target.ReadU32(0x20000010) != 55) {\n"
+                              "    return -1;\n"
+                              "  }\n"
+                              "  Util.Log(\"read back 55\");\n"
+                              "  return 0;\n"
+                              "}\n");
+  RUN Good = RunZevra({"--script", sGood});
+  EXPECT_EQ(Good.ExitCode, 0) << Good.sOut.toStdString();
+  EXPECT_EQ(
+      Good.sOut,
+      "Exec.Connect();\nTarget.WriteU32 (0x20000010, 55);\nUtil.Log (\"read back 55\");\nread back 55\n");
+  const QString sBad = Write("bad.zvs", "int main (void) {\n  int x;\n  x = 1 +;\n  return 0;\n}\n");
+  RUN Bad = RunZevra({"--script", sBad});
+  EXPECT_EQ(Bad.ExitCode, 2);
+  EXPECT_TRUE(Bad.sOut.contains("at line 3")) << Bad.sOut.toStdString();
+}
