@@ -5,9 +5,11 @@
 #include <QAction>
 #include <QApplication>
 #include <QCloseEvent>
+#include <QDir>
 #include <QElapsedTimer>
 #include <QEventLoop>
 #include <QFile>
+#include <QFileDialog>
 #include <QFileInfo>
 #include <QKeyEvent>
 #include <QLabel>
@@ -35,7 +37,10 @@
 #include "device/Device.h"
 #include "device/DeviceDataProvider.h"
 #include "device/DeviceEvents.h"
+#include "script/FileFinder.h"
+#include "script/Project.h"
 #include "script/ScriptBinding.h"
+#include "script/ZvScript.h"
 
 namespace {
 
@@ -109,7 +114,12 @@ CMainWindow::CMainWindow(bool BatchMode) : CWindow(nullptr, "MainWindow"), _Batc
   _pSettingsCommands = new CSettingsCommands(this);
   ConnectSettingsCommands(this, _pSettingsCommands);
   _PerspectiveState = 1;
-  setWindowTitle(GetAppTitle(true, true) + " (" + GetAppDateText() + ")");
+  GetFileFinder().SetFolders(MakeDefaultFinderFolders(GetAppFolder()));
+  CProject* pProject = CProject::Instance();
+  connect(pProject, &CProject::Opened, this, &CMainWindow::OnProjectFileOpened);
+  connect(pProject, &CProject::Closed, this, &CMainWindow::OnProjectFileClosed);
+  connect(pProject, &CProject::ModifiedChanged, this, [this](bool) { _UpdateTitle(); });
+  _UpdateTitle();
   UpdateActions();
   qApp->installEventFilter(this);
 }
@@ -205,6 +215,14 @@ void CMainWindow::_ConnectActions() {
       {"Exec.Reset", SLOT(OnActionExecResetTriggered())},
       {"File.Exit", SLOT(OnActionFileExitTriggered())},
       {"File.Open", SLOT(OnActionFileOpenTriggered())},
+      {"File.NewProject", SLOT(OnActionFileNewProjectTriggered())},
+      {"File.SaveProjectAs", SLOT(OnActionFileSaveProjectAsTriggered())},
+      {"File.SaveAll", SLOT(OnActionFileSaveAllTriggered())},
+      {"Project.AddSvdFile", SLOT(OnActionProjectAddSvdFileTriggered())},
+      {"Project.AddRootPath", SLOT(OnActionProjectAddRootPathTriggered())},
+      {"Project.AddSearchPath", SLOT(OnActionProjectAddSearchPathTriggered())},
+      {"Project.AddFileAlias", SLOT(OnActionProjectAddFileAliasTriggered())},
+      {"Project.AddPathSubstitute", SLOT(OnActionProjectAddPathSubstituteTriggered())},
   };
   for (int Id = 0; Id < kNumActions; ++Id) {
     QAction* pAction = GetAction(Id);
@@ -345,6 +363,21 @@ void CMainWindow::paintEvent(QPaintEvent* pEvent) {
 
 void CMainWindow::OnWindowShown() {
   LogMessage("Tarvik software found at: built-in probe layer", MSG_INFO | MSG_TO_ALL);
+  // What to open: a project named on the command line, else the most recent one if the user wants
+  // that, else a new project.
+  QStringList Args = QCoreApplication::arguments();
+  QString sCandidate = Args.size() > 1 ? Args[1] : QString();
+  QStringList Recent = CProject::GetRecentProjects();
+  static const int Open = _RowByName("File.Open");
+  if (IsProjectFileName(sCandidate)) {
+    PerformAction(Open, sCandidate);
+  } else if (!Recent.isEmpty() && IsVarSet(GetVar(PREF_START_WITH_MOST_RECENT_PROJ)) &&
+             QFileInfo(Recent.first()).isFile()) {
+    PerformAction(Open, Recent.first());
+  } else {
+    CProject::Instance()->Close();
+    _UpdateTitle();
+  }
   ReportUnlinkedActions();
 }
 
@@ -446,21 +479,134 @@ void CMainWindow::OnActionExecCmdTriggered() {
   }
 }
 
-void CMainWindow::OnActionFileOpenTriggered() {
-  static const int Id = _RowByName("File.Open");
-  if (!CheckParamCount(Id, -1)) {
+int CMainWindow::AskUser(const QString& sTitle, const QString& sText, int Buttons, int BatchAnswer) {
+  if (IsBatchMode()) {
+    // Headless: a fixed answer, printed so that the log shows what was decided.
+    static const struct {
+      int Button;
+      const char* sName;
+    } aName[] = {{QMessageBox::Yes, "Yes"}, {QMessageBox::No, "No"}, {QMessageBox::Cancel, "Cancel"}};
+    QString sAnswer;
+    for (const auto& n : aName) {
+      if (n.Button == BatchAnswer) {
+        sAnswer = n.sName;
+      }
+    }
+    ConsolePrint(sTitle + ": " + sText + " " + sAnswer);
+    return BatchAnswer;
+  }
+  return QMessageBox::question(this, sTitle, sText, QMessageBox::StandardButtons(Buttons));
+}
+
+bool CMainWindow::_AskSaveModifiedProject() {
+  CProject* pProject = CProject::Instance();
+  if (!pProject->IsModified()) {
+    return true;
+  }
+  int Answer = AskUser("Save Project Changes?", "The current project was modified. Save changes?",
+                       QMessageBox::Yes | QMessageBox::No | QMessageBox::Cancel, QMessageBox::No);
+  if (Answer == QMessageBox::Cancel) {
+    return false;
+  }
+  if (Answer == QMessageBox::Yes) {
+    static const int SaveAs = _RowByName("File.SaveProjectAs");
+    if (pProject->GetFilePath().isEmpty()) {
+      ClearArguments(SaveAs);
+      return PerformAction(SaveAs) == 1;
+    }
+    QString sError;
+    return pProject->Save(pProject->GetFilePath(), &sError) == 0;
+  }
+  return true;
+}
+
+bool CMainWindow::_AskStopSession() {
+  CDevice* pDevice = CDevice::Instance();
+  if (!pDevice->IsConnected()) {
+    return true;
+  }
+  if (AskUser("Stop Debugging", "Close this Session?", QMessageBox::Yes | QMessageBox::No,
+              QMessageBox::Yes) != QMessageBox::Yes) {
+    return false;
+  }
+  pDevice->ScheduleDisconnect();
+  pDevice->WaitForJobThenPump(JT_DISCONNECT, true);
+  return true;
+}
+
+void CMainWindow::_CloseProgramFile() {
+  if (_pProgramFile) {
+    ELF_Close(_pProgramFile);
+    _pProgramFile = nullptr;
+  }
+  _sProgramPath.clear();
+  CProject::Instance()->SetProgramFile(QString());
+}
+
+int CMainWindow::OpenProject(const QString& sPath) {
+  if (!_AskSaveModifiedProject() || !_AskStopSession()) {
+    return -1;
+  }
+  CProject* pProject = CProject::Instance();
+  pProject->Close();
+  QString sSettings = pProject->GetSettingsFilePath();
+  if (!sSettings.isEmpty()) {
+    CDevice::Instance()->ScheduleSetConfigParam(DCP_SCRIPT_FILE, sSettings.toUtf8().constData());
+  }
+  _CloseProgramFile();
+  pProject->OpenDeferred(sPath);
+  return 0;
+}
+
+void CMainWindow::OnProjectFileOpened(const QString& sPath) {
+  CProject* pProject = CProject::Instance();
+  CProject::AddRecentProject(QFileInfo(sPath).absoluteFilePath());
+  _UpdateTitle();
+  if (!pProject->IsOpen()) {
     return;
   }
-  QString sPath = GetArguments(Id).value(0).trimmed();
-  if (sPath.isEmpty()) {
-    SetError(Id, "invalid filename");
+  if (ScriptHasError()) {
+    // The project opens with its error shown; nothing of it runs, and its text stays as it is.
+    LogMessage("Project file is not valid", MSG_WARNING | MSG_TO_STDOUT | MSG_TO_LOGFILE);
+    ConsoleError("Error in project file: " + ScriptGetError());
     return;
   }
-  QFileInfo Info(sPath);
-  if (!Info.isFile()) {
-    SetError(Id, "file not found", sPath);
-    return;
+  SetVarFromText(GetVar(VAR_BREAK_AT_THIS_SYMBOL), "main", false);
+  RunEvent(SF_PROJECT_LOAD);
+  // The window layout of the user file is applied once dock windows exist.
+  CProject::ReadUserFile(CProject::GetUserFilePath(sPath));
+  _UpdateTitle();
+}
+
+void CMainWindow::OnProjectFileClosed(const QString& sPath) {
+  QString sError;
+  if (!sPath.isEmpty() && CProject::WriteUserFile(CProject::GetUserFilePath(sPath), {}, &sError) < 0) {
+    LogMessage("Could not write the user file: " + sError, MSG_WARNING | MSG_TO_ALL);
   }
+}
+
+void CMainWindow::_UpdateTitle() {
+  CProject* pProject = CProject::Instance();
+  QString sTitle = GetAppTitle(true, true);
+  QString sName;
+  if (pProject->IsOpen()) {
+    QString sPath = pProject->GetFilePath();
+    bool Session = CDevice::HasInstance() && CDevice::Instance()->IsConnected();
+    if (Session && !_sProgramPath.isEmpty()) {
+      sName = _sProgramPath;
+    } else if (sPath.isEmpty()) {
+      sName = "New Project";
+    } else {
+      sName = Session ? QFileInfo(sPath).completeBaseName() : sPath;
+    }
+  }
+  if (!sName.isEmpty()) {
+    sTitle += (pProject->IsModified() ? " - *" : " - ") + sName;
+  }
+  setWindowTitle(sTitle);
+}
+
+int CMainWindow::_OpenDataFile(int Id, const QString& sPath) {
   QFile File(sPath);
   QByteArray Magic;
   if (File.open(QIODevice::ReadOnly)) {
@@ -471,24 +617,181 @@ void CMainWindow::OnActionFileOpenTriggered() {
                           4)) {
     // Hex, S-record and binary images come with the data file readers.
     SetError(Id, "not available", "only ELF program files can be opened: " + sPath);
-    return;
+    return -1;
   }
   // The program's debug information is read at once; the ELF layer logs how long each part took. A new
   // program replaces the one before, which the reader's file table needs closed first.
   ELF_SetLogCallback(LogElfMessage);
-  if (_pProgramFile) {
-    ELF_Close(_pProgramFile);
-    _pProgramFile = nullptr;
-    _sProgramPath.clear();
-  }
-  ELF_FILE* pFile = ELF_Open(QFile::encodeName(Info.absoluteFilePath()).constData());
+  _CloseProgramFile();
+  ELF_FILE* pFile = ELF_Open(QFile::encodeName(sPath).constData());
   if (pFile == nullptr) {
     SetError(Id, "invalid program file", sPath);
-    return;
+    return -1;
   }
   _pProgramFile = pFile;
-  _sProgramPath = Info.absoluteFilePath();
-  setWindowTitle(GetAppTitle(true, true) + " - " + Info.fileName());
+  _sProgramPath = sPath;
+  CProject::Instance()->SetProgramFile(sPath);
+  _UpdateTitle();
+  return 0;
+}
+
+void CMainWindow::OnActionFileOpenTriggered() {
+  static const int Id = _RowByName("File.Open");
+  if (!CheckParamCount(Id, IsBatchMode() ? -1 : 0)) {
+    return;
+  }
+  QString sPath = GetArguments(Id).value(0).trimmed();
+  if (sPath.isEmpty() && !IsBatchMode()) {
+    sPath = QFileDialog::getOpenFileName(this, "Open File", _sLastDialogFolder);
+    if (sPath.isEmpty()) {
+      MarkCancelled(Id);
+      return;
+    }
+    _sLastDialogFolder = QFileInfo(sPath).absolutePath();
+  }
+  if (sPath.isEmpty()) {
+    SetError(Id, "invalid filename");
+    return;
+  }
+  QElapsedTimer Timer;
+  Timer.start();
+  if (!QFileInfo(sPath).isFile()) {
+    sPath = GetFileFinder().Resolve(sPath);
+  }
+  QFileInfo Info(sPath);
+  if (!Info.isFile()) {
+    SetError(Id, "file not found", sPath.contains(' ') ? "\"" + sPath + "\"" : sPath);
+    return;
+  }
+  sPath = Info.absoluteFilePath();
+  const QString sSuffix = Info.suffix().toLower();
+  if (MatchesFileFilter(sPath, FILE_FILTER_PROJECT)) {
+    OpenProject(sPath);
+  } else if (sSuffix.isEmpty() || MatchesFileFilter(sPath, FILE_FILTER_DATA)) {
+    if (_OpenDataFile(Id, sPath) < 0) {
+      return;
+    }
+  } else {
+    SetError(Id, "not available", "source files are shown once the source viewer exists: " + sPath);
+    return;
+  }
+  LogMessage(QString("File.Open: completed in %1 ms").arg(Timer.elapsed()),
+             MSG_INFO | MSG_TO_STDOUT | MSG_TO_LOGFILE);
+  GetFileFinder().LogSourceCounts();
+}
+
+void CMainWindow::OnActionFileNewProjectTriggered() {
+  static const int Id = _RowByName("File.NewProject");
+  if (!CheckParamCount(Id, 0)) {
+    return;
+  }
+  if (!_AskSaveModifiedProject() || !_AskStopSession()) {
+    MarkCancelled(Id);
+    return;
+  }
+  CProject::Instance()->Close();
+  _CloseProgramFile();
+  _UpdateTitle();
+}
+
+void CMainWindow::OnActionFileSaveProjectAsTriggered() {
+  static const int Id = _RowByName("File.SaveProjectAs");
+  if (!CheckParamCount(Id, 0)) {
+    return;
+  }
+  CProject* pProject = CProject::Instance();
+  QString sPath = GetArguments(Id).value(0).trimmed();
+  if (sPath.isEmpty()) {
+    if (IsBatchMode()) {
+      SetError(Id, "invalid project filename", "no file name given");
+      SetResult(Id, 2);
+      return;
+    }
+    QString sStart = pProject->GetFilePath().isEmpty() ? QDir::homePath() : pProject->GetProjectDir();
+    sPath = QFileDialog::getSaveFileName(this, "Save Project as...", sStart, "Project files (*.zvproj)");
+    if (sPath.isEmpty()) {
+      SetResult(Id, 2);
+      MarkCancelled(Id);
+      return;
+    }
+    SetArguments(Id, sPath);
+  }
+  if (QFileInfo(sPath).suffix().isEmpty()) {
+    sPath += ".zvproj";
+  }
+  QString sError;
+  if (!MatchesFileFilter(sPath, FILE_FILTER_PROJECT) || pProject->Save(sPath, &sError) < 0) {
+    SetError(Id, "invalid project filename", sError.isEmpty() ? sPath : sError);
+    SetResult(Id, 2);
+    return;
+  }
+  QString sOld = pProject->GetFilePath();
+  CProject::ReplaceRecentProject(sOld, QFileInfo(sPath).absoluteFilePath());
+  SetResult(Id, 1);
+  _UpdateTitle();
+}
+
+void CMainWindow::OnActionFileSaveAllTriggered() {
+  static const int Id = _RowByName("File.SaveAll");
+  static const int SaveAs = _RowByName("File.SaveProjectAs");
+  if (!CheckParamCount(Id, 0)) {
+    return;
+  }
+  CProject* pProject = CProject::Instance();
+  if (pProject->GetFilePath().isEmpty()) {
+    ClearArguments(SaveAs);
+    if (PerformAction(SaveAs) != 1) {
+      SetError(Id, "project not saved");
+    }
+    return;
+  }
+  QString sError;
+  if (pProject->Save(pProject->GetFilePath(), &sError) < 0) {
+    SetError(Id, "could not save project", sError);
+  }
+  _UpdateTitle();
+}
+
+// The project's file paths: each row takes one or two texts and hands them to the file finder.
+void CMainWindow::_RunPathRow(const char* sRow, int Count,
+                              const std::function<void(const QStringList&)>& Apply) {
+  const int Id = _RowByName(sRow);
+  if (!CheckParamCount(Id, -1)) {
+    return;
+  }
+  QStringList Args = GetArguments(Id);
+  for (int i = 0; i < Count; ++i) {
+    if (Args.value(i).trimmed().isEmpty()) {
+      SetError(Id, "invalid parameter", QString("argument %1 is empty").arg(i + 1));
+      return;
+    }
+  }
+  Apply(Args);
+}
+
+void CMainWindow::OnActionProjectAddSvdFileTriggered() {
+  _RunPathRow("Project.AddSvdFile", 1,
+              [](const QStringList& Args) { CProject::Instance()->AddSvdFile(Args[0]); });
+}
+
+void CMainWindow::OnActionProjectAddRootPathTriggered() {
+  _RunPathRow("Project.AddRootPath", 1,
+              [](const QStringList& Args) { GetFileFinder().AddRootPath(Args[0]); });
+}
+
+void CMainWindow::OnActionProjectAddSearchPathTriggered() {
+  _RunPathRow("Project.AddSearchPath", 1,
+              [](const QStringList& Args) { GetFileFinder().AddSearchPath(Args[0]); });
+}
+
+void CMainWindow::OnActionProjectAddFileAliasTriggered() {
+  _RunPathRow("Project.AddFileAlias", 2,
+              [](const QStringList& Args) { GetFileFinder().AddFileAlias(Args[0], Args[1]); });
+}
+
+void CMainWindow::OnActionProjectAddPathSubstituteTriggered() {
+  _RunPathRow("Project.AddPathSubstitute", 2,
+              [](const QStringList& Args) { GetFileFinder().AddPathSubstitute(Args[0], Args[1]); });
 }
 
 void CMainWindow::OnActionExecConnectTriggered() {
@@ -593,8 +896,8 @@ void CMainWindow::_WindowClosed() {
   }
   SaveColorsAndFonts();
   SavePreferences();
-  if (_pProgramFile) {
-    ELF_Close(_pProgramFile);
-    _pProgramFile = nullptr;
+  _CloseProgramFile();
+  if (CProject::Instance()->IsOpen()) {
+    OnProjectFileClosed(CProject::Instance()->GetFilePath());
   }
 }

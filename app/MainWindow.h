@@ -4,6 +4,7 @@
 #pragma once
 
 #include <QPointer>
+#include <functional>
 
 #include "windows/Window.h"
 
@@ -26,6 +27,10 @@ class CMainWindow : public CWindow {
   ~CMainWindow() override;
 
   void UpdateActions() override;
+  // Asks a question, or in batch mode prints it with the given fixed answer. Returns the button.
+  int AskUser(const QString& sTitle, const QString& sText, int Buttons, int BatchAnswer);
+  // Opens a project once no script function runs, after the questions about changes and the session.
+  int OpenProject(const QString& sPath);
   bool IsClosing() const { return _Closing; }
   // The handlers of the settings rows.
   CSettingsCommands* GetSettingsCommands() const { return _pSettingsCommands; }
@@ -51,6 +56,16 @@ class CMainWindow : public CWindow {
 
  private slots:
   void OnWindowShown();
+  void OnProjectFileOpened(const QString& sPath);
+  void OnProjectFileClosed(const QString& sPath);
+  void OnActionFileNewProjectTriggered();
+  void OnActionFileSaveProjectAsTriggered();
+  void OnActionFileSaveAllTriggered();
+  void OnActionProjectAddSvdFileTriggered();
+  void OnActionProjectAddRootPathTriggered();
+  void OnActionProjectAddSearchPathTriggered();
+  void OnActionProjectAddFileAliasTriggered();
+  void OnActionProjectAddPathSubstituteTriggered();
   void OnConsoleTimer();
   void OnConsoleLineEntered();
   void OnActionNotAvailableTriggered();
@@ -64,6 +79,12 @@ class CMainWindow : public CWindow {
 
  private:
   void _BuildInterface();
+  bool _AskSaveModifiedProject();
+  bool _AskStopSession();
+  void _CloseProgramFile();
+  int _OpenDataFile(int Id, const QString& sPath);
+  void _UpdateTitle();
+  void _RunPathRow(const char* sRow, int Count, const std::function<void(const QStringList&)>& Apply);
   void _ConnectActions();
   void _WindowClosed();
   bool _OnKeyPressed(QObject* pObject, QKeyEvent* pEvent);
@@ -73,6 +94,7 @@ class CMainWindow : public CWindow {
   CSettingsCommands* _pSettingsCommands = nullptr;
   ELF_FILE* _pProgramFile = nullptr;  // the open program, until the program index takes it over
   QString _sProgramPath;
+  QString _sLastDialogFolder;
   QPlainTextEdit* _pConsoleView = nullptr;
   QLineEdit* _pConsoleInput = nullptr;
   QTimer* _pConsoleTimer = nullptr;

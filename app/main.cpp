@@ -18,6 +18,8 @@
 #include "device/DeviceDataProvider.h"
 #include "device/probe/ProbeCore.h"
 #include "device/probe/TarvikApi.h"
+#include "script/Project.h"
+#include "script/ZvScript.h"
 
 int main(int argc, char** argv) {
   const bool DebugMode = ScanDebugSwitch(argc, argv);
@@ -69,7 +71,19 @@ int main(int argc, char** argv) {
     CMainWindow* pMainWindow = new CMainWindow(Batch.Enabled);
     InstallQtLogHandler();
     if (Batch.Enabled) {
+      // A project named first on the command line is open, and its OnProjectLoad has run, before the
+      // first batch line.
+      QStringList Args = QCoreApplication::arguments();
+      if (Args.size() > 1 && IsProjectFileName(Args[1])) {
+        pMainWindow->OpenProject(Args[1]);
+        while (CProject::Instance()->IsPending()) {
+          QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
+        }
+      }
       Result = RunBatch(Batch);
+      if (Result == BATCH_EXIT_OK && ScriptHasError()) {
+        Result = BATCH_EXIT_SCRIPT_ERROR;
+      }
     } else {
       pMainWindow->show();
       Result = App.exec();

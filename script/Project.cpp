@@ -6,10 +6,11 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QHash>
-#include <QSaveFile>
 
 #include "app/base/Log.h"
 #include "app/tables/SettingsStore.h"
+#include "script/AtomicFile.h"
+#include "script/FileFinder.h"
 #include "script/ZvScript.h"
 
 namespace {
@@ -64,8 +65,8 @@ QStringList _ResetSample(bool WithReset, const char* sLogText) {
   }
   Body << "  VectorTableAddr = Elf.GetBaseAddr();"
        << ""
-       << "  if (VectorTableAddr != 0xFFFFFFFF) {"
-       << QString("    Util.Log(\"%1\");").arg(sLogText) << "    SP = Target.ReadU32(VectorTableAddr);"
+       << "  if (VectorTableAddr != 0xFFFFFFFF) {" << QString("    Util.Log(\"%1\");").arg(sLogText)
+       << "    SP = Target.ReadU32(VectorTableAddr);"
        << "    Target.SetReg(\"SP\", SP);"
        << "    PC = Target.ReadU32(VectorTableAddr + 4);"
        << "    Target.SetReg(\"PC\", PC);"
@@ -80,7 +81,9 @@ QStringList _Template(int Id, const QString& sName, const QStringList& Settings,
     for (const QString& s : Settings) {
       Lines << "  " + s;
     }
-    Lines << "  //" << "  // User settings" << "  //";
+    Lines << "  //"
+          << "  // User settings"
+          << "  //";
     for (const QString& s : User) {
       Lines << "  " + s;
     }
@@ -89,7 +92,8 @@ QStringList _Template(int Id, const QString& sName, const QStringList& Settings,
   }
   if (Id == SF_TARGET_RESET || Id == SF_AFTER_TARGET_DOWNLOAD) {
     QStringList Sample = {"void " + sName + " (void) {", ""};
-    Sample << _ResetSample(Id == SF_TARGET_RESET, Id == SF_TARGET_RESET ? "Resetting Program." : "Initializing PC and SP.");
+    Sample << _ResetSample(Id == SF_TARGET_RESET,
+                           Id == SF_TARGET_RESET ? "Resetting Program." : "Initializing PC and SP.");
     QStringList Lines;
     for (const QString& s : Sample) {
       Lines << "//" + s;
@@ -101,25 +105,19 @@ QStringList _Template(int Id, const QString& sName, const QStringList& Settings,
 
 QStringList _Notes(int Id) {
   if (Id == SF_TARGET_RESET) {
-    return {"* Notes", "*   This example demonstrates the usage when", "*   debugging a RAM program on a Cortex-M target device",
-            "*"};
+    return {"* Notes", "*   This example demonstrates the usage when",
+            "*   debugging a RAM program on a Cortex-M target device", "*"};
   }
   if (Id == SF_AFTER_TARGET_DOWNLOAD) {
-    return {"* Notes", "*   This sample implementation demonstrates the application", "*   initialization on a Cortex-M target.",
+    return {"* Notes", "*   This sample implementation demonstrates the application",
+            "*   initialization on a Cortex-M target.",
             "*   If no initialization can be done, Target.Reset() may be called."};
   }
   return {};
 }
 
 bool _WriteAtomically(const QString& sPath, const QByteArray& Bytes, QString* psError) {
-  QSaveFile File(sPath);
-  if (!File.open(QIODevice::WriteOnly) || File.write(Bytes) != Bytes.size() || !File.commit()) {
-    if (psError) {
-      *psError = sPath + ": " + File.errorString();
-    }
-    return false;
-  }
-  return true;
+  return WriteFileAtomically(sPath, Bytes, psError) == 0;
 }
 
 }  // namespace
@@ -186,7 +184,9 @@ int CProject::Open(const QString& sPath) {
     return -1;
   }
   Close();
-  ScriptLoadFile(QFileInfo(sPath).absoluteFilePath());
+  QString sAbsolute = QFileInfo(sPath).absoluteFilePath();
+  GetFileFinder().SetProjectFile(sAbsolute);
+  ScriptLoadFile(sAbsolute);
   _IsOpen = true;
   SetModified(false);
   emit Opened(sPath);
@@ -211,6 +211,7 @@ void CProject::OnOpenTimeout() {
 void CProject::Close() {
   QString sPath = GetFilePath();
   ScriptClose();
+  GetFileFinder().Reset();
   _sProgramFile.clear();
   _ProgramFileTime = QDateTime();
   _SvdFiles.clear();
@@ -267,6 +268,7 @@ int CProject::Save(const QString& sPath, QString* psError) {
   }
   // Path and text are remembered as the loaded file, so a later change on disk is noticed.
   ScriptSaveText(sPath);
+  GetFileFinder().SetProjectFile(QFileInfo(sPath).absoluteFilePath());
   SetModified(false);
   return 0;
 }
@@ -274,6 +276,7 @@ int CProject::Save(const QString& sPath, QString* psError) {
 void CProject::SetProgramFile(const QString& sPath) {
   _sProgramFile = sPath;
   _ProgramFileTime = sPath.isEmpty() ? QDateTime() : QFileInfo(sPath).lastModified();
+  GetFileFinder().SetProgramFile(sPath);
 }
 
 void CProject::AddSvdFile(const QString& sFile) {
@@ -289,8 +292,9 @@ void CProject::ClearSvdFiles() {
 QStringList CProject::GetWarnings() const {
   QStringList Warnings;
   if (_SvdFiles.isEmpty()) {
-    Warnings << "CPU register set description file not found (specify with 'Project.AddSvdFile') - debugging w/o "
-                "core registers.";
+    Warnings
+        << "CPU register set description file not found (specify with 'Project.AddSvdFile') - debugging w/o "
+           "core registers.";
   }
   for (const QString& s : _SvdFiles) {
     if (!QFileInfo(s).isFile()) {

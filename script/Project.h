@@ -11,7 +11,7 @@
 
 class CProject : public QObject {
   Q_OBJECT
-public:
+ public:
   static CProject* Instance();
 
   bool IsOpen() const { return _IsOpen; }
@@ -66,15 +66,15 @@ public:
   static QList<USER_WINDOW> ReadUserFile(const QString& sPath);
   static int WriteUserFile(const QString& sPath, const QList<USER_WINDOW>& Windows, QString* psError);
 
-signals:
+ signals:
   void ModifiedChanged(bool Modified);
   void Opened(const QString& sPath);
   void Closed(const QString& sPath);
 
-private slots:
+ private slots:
   void OnOpenTimeout();
 
-private:
+ private:
   CProject();
 
   QTimer _OpenTimer;

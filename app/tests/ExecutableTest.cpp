@@ -219,3 +219,36 @@ TEST(Executable, ScriptFileRunsHeadlessAndAScriptErrorExitsWithTwo) {
   EXPECT_EQ(Bad.ExitCode, 2);
   EXPECT_TRUE(Bad.sOut.contains("at line 3")) << Bad.sOut.toStdString();
 }
+
+TEST(Executable, DemoProjectConfiguresTheSessionBeforeTheFirstBatchLine) {
+  const QString sProject = QString(ZEVRA_SOURCE_DIR) + "/examples/demo/demo.zvproj";
+  RUN Run = RunZevra({sProject, "--batch", "-"}, "Exec.Connect\n");
+  EXPECT_EQ(Run.ExitCode, 0) << Run.sOut.toStdString();
+  QStringList Lines = Run.sOut.split('\n', Qt::SkipEmptyParts);
+  QStringList Expected = {"Project.SetDevice (\"Simulator Cortex-M4\");", "Project.SetTargetIF (\"SWD\");",
+                          "Exec.Connect();"};
+  for (const QString& s : Expected) {
+    EXPECT_TRUE(Lines.contains(s)) << s.toStdString() << "\n" << Run.sOut.toStdString();
+  }
+  EXPECT_LT(Lines.indexOf("Project.SetDevice (\"Simulator Cortex-M4\");"), Lines.indexOf("Exec.Connect();"));
+  EXPECT_EQ(Lines.filter("File path resolved").size(), 1);  // the program file through $(ProjectDir)
+  QFile::remove(QString(ZEVRA_SOURCE_DIR) + "/examples/demo/demo.zvproj.user");
+}
+
+TEST(Executable, ProjectWithAnErrorIsReportedWithItsLineAndExitsWithTwo) {
+  QTemporaryDir Dir;
+  const QString sProject = Dir.filePath("broken.zvproj");
+  const QByteArray Text = "void OnProjectLoad (void) {\n  Util.Log(\"first\");\n  x = ;\n}\n";
+  QFile File(sProject);
+  ASSERT_TRUE(File.open(QIODevice::WriteOnly));
+  File.write(Text);
+  File.close();
+  RUN Run = RunZevra({sProject, "--batch", "-"}, "Util.Log (\"the rest of the application works\")\n");
+  EXPECT_EQ(Run.ExitCode, 2) << Run.sOut.toStdString();
+  EXPECT_TRUE(Run.sOut.contains("Error in project file: ")) << Run.sOut.toStdString();
+  EXPECT_TRUE(Run.sOut.contains("at line 3")) << Run.sOut.toStdString();
+  EXPECT_TRUE(Run.sOut.contains("the rest of the application works\n"));
+  QFile Again(sProject);
+  ASSERT_TRUE(Again.open(QIODevice::ReadOnly));
+  EXPECT_EQ(Again.readAll(), Text);
+}
