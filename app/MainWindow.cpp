@@ -330,6 +330,13 @@ void CMainWindow::OnDeviceResumeDone(RESUME_MODES) {
 }
 
 bool CMainWindow::eventFilter(QObject* pObject, QEvent* pEvent) {
+  if (pEvent->type() == QEvent::ApplicationActivate && pObject == qApp) {
+    // A project file changed on disk while the user was elsewhere is loaded anew; its OnProjectLoad
+    // does not run again, the new event functions take effect.
+    if (ScriptReloadIfChanged() && ScriptHasError()) {
+      ConsoleError("Error in project file: " + ScriptGetError());
+    }
+  }
   if (pEvent->type() == QEvent::KeyPress && _OnKeyPressed(pObject, static_cast<QKeyEvent*>(pEvent))) {
     return true;
   }
