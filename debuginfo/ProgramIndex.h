@@ -1,0 +1,182 @@
+// The program index: the one gateway through which the rest of the system asks about the loaded
+// program. It reads the ELF layer and the DWARF symbol tree once per program into hash maps, sorted
+// lists and an interval tree, and answers address to line, line to addresses, address to function,
+// the list of source files and symbol look-ups by name. One recursive mutex guards it all.
+#pragma once
+
+#include <QString>
+#include <mutex>
+#include <vector>
+
+#include "app/base/Types.h"
+#include "debuginfo/DwarfTree.h"
+#include "debuginfo/ElfFile.h"
+
+// A source location. Equality and the hash look at file and line only, so every column of a line
+// is one key; the order is line, column, file, so sorted lists still keep columns apart. The
+// all-zero value and any value with file 0xFFFFFFFF are "no location".
+struct CSrcLoc {
+  U32 file = 0;
+  U32 line = 0;
+  U32 col = 0;
+
+  bool IsValid() const { return file != 0xFFFFFFFF && (file | line | col) != 0; }
+  bool operator==(const CSrcLoc& o) const { return file == o.file && line == o.line; }
+  bool operator!=(const CSrcLoc& o) const { return !(*this == o); }
+  bool operator<(const CSrcLoc& o) const {
+    if (line != o.line)
+      return line < o.line;
+    if (col != o.col)
+      return col < o.col;
+    return file < o.file;
+  }
+};
+inline U32 qHash(const CSrcLoc& Loc) {
+  return (Loc.file + 713u) * 31u + Loc.line;
+}
+struct CSrcLocHash {
+  size_t operator()(const CSrcLoc& Loc) const { return qHash(Loc); }
+};
+
+// A start address and a size in bytes; size 0 is empty.
+struct CAddrRange {
+  U32 start = 0;
+  U32 size = 0;
+  bool IsEmpty() const { return size == 0; }
+  U64 End() const { return (U64)start + size; }
+};
+
+typedef std::vector<CSrcLoc> CSrcLocs;
+typedef std::vector<U32> ELF_ADDR_LIST;
+typedef std::vector<ELF_SYM_HANDLE> ELF_SYM_LIST;
+
+// Where a value lives. Kinds: 0 none (shown as unavailable), 1 constant, 2 at addr, 3 at addr +
+// offset, 4 in reg, 5 value reg + offset, 6 at [base] + offset, 7..9 value SP/BP/CFA + offset,
+// 10..12 at SP/BP/CFA + offset, 13 parent value + offset, 14 at parent location + offset, 15 the
+// base location's value on function entry, 16 the base location's result is the value itself.
+struct ELF_SYM_LOC {
+  U32 kind;
+  U32 addr;
+  U32 reg;
+  I32 offset;
+  U32 baseKind;
+  U32 baseAddr;
+  U32 baseReg;
+  I32 baseOffset;
+  U64 value;
+};
+enum : U32 {
+  ELF_LOC_NONE = 0,
+  ELF_LOC_CONST = 1,
+  ELF_LOC_ADDR = 2,
+  ELF_LOC_ADDR_OFFSET = 3,
+  ELF_LOC_REG = 4,
+  ELF_LOC_REG_VALUE = 5,
+  ELF_LOC_AT_REG = 6,
+  ELF_LOC_SP_VALUE = 7,
+  ELF_LOC_BP_VALUE = 8,
+  ELF_LOC_CFA_VALUE = 9,
+  ELF_LOC_AT_SP = 10,
+  ELF_LOC_AT_BP = 11,
+  ELF_LOC_AT_CFA = 12,
+  ELF_LOC_PARENT_VALUE = 13,
+  ELF_LOC_PARENT_LOC = 14,
+  ELF_LOC_ENTRY_VALUE = 15,
+  ELF_LOC_STACK_VALUE = 16,
+};
+
+// A file that the resolver cannot find keeps the name it has in DWARF. The resolver returns the
+// full path, or an empty text when it does not know the file. Installed by the layer that owns
+// the file finder; without one, every DWARF name stands as it is.
+typedef QString (*ELF_FILE_RESOLVER)(const QString& sDwarfName);
+void ELF_SetFileResolver(ELF_FILE_RESOLVER pfResolve);
+
+// The one lock of all debug information. Every query below takes it; a caller that copies shared
+// buffers of the lower layers holds it across the call and the copy.
+std::recursive_mutex& ELF_GetIndexMutex();
+
+// Load and unload. ELF_Init always unloads first; 0 on success, -1 if the file does not open (the
+// index is then empty). The counts are for the "completed" line of File.Open.
+int ELF_Init(const char* sPath);
+void ELF_Deinit();
+bool ELF_IsLoaded();
+ELF_FILE* ELF_GetIndexedFile();
+struct ELF_INDEX_COUNTS {
+  U32 files;
+  U32 lineAddrs;
+  U32 functions;
+  U32 globals;
+  U32 types;
+  U32 droppedLines;
+  U32 droppedFunctions;  // DWARF functions without code (the linker dropped them)
+  U32 loadMs;
+};
+ELF_INDEX_COUNTS ELF_GetIndexCounts();
+
+// Address to line. Addresses are run addresses (relocation applied); -1 (0xFFFFFFFF) is "none".
+CSrcLocs ELF_GetSrcLocs(U32 Addr);
+CSrcLoc ELF_GetFirstSrcLoc(U32 Addr);
+CSrcLoc ELF_GetLastSrcLoc(U32 Addr);
+CSrcLoc ELF_GetExactSrcLoc(U32 Addr);
+bool ELF_HasSrcLoc(U32 Addr);
+bool ELF_RangeHasSrcLoc(CAddrRange Range);
+U32 ELF_GetPrevAddr(U32 Addr);
+U32 ELF_GetNextAddr(U32 Addr);
+U32 ELF_GetNextLineAddr(U32 Addr);
+bool ELF_IsFirstAddrOfStatement(U32 Addr);
+
+// Line to addresses.
+ELF_ADDR_LIST ELF_GetAddrs(CSrcLoc Loc);
+U32 ELF_GetFirstAddr(CSrcLoc Loc);
+CSrcLoc ELF_GetNextCodeLine(CSrcLoc Loc);
+CSrcLoc ELF_GetPrevCodeLine(CSrcLoc Loc);
+bool ELF_IsUniqueCodeLine(CSrcLoc Loc);
+
+// Functions.
+ELF_SYM_HANDLE ELF_GetFuncAt(U32 Addr, bool Outermost);
+CAddrRange ELF_GetFuncRange(ELF_SYM_HANDLE h);
+bool ELF_IsFunction(ELF_SYM_HANDLE h);
+// Every function with code: DWARF functions, then ELF function symbols at addresses no DWARF
+// function starts at.
+ELF_SYM_LIST ELF_GetAllFunctions();
+
+// Files. The identifier is a stable hash of the lower-cased resolved path; -1 for none.
+U32 ELF_GetFileId(const QString& sPath);
+QString ELF_GetFilePath(U32 FileId);
+std::vector<U32> ELF_GetFileIds();  // every file the line tables or units name, in name order
+bool ELF_FileExists(U32 Addr);
+U32 ELF_GetFileAt(U32 Addr);
+CAddrRange ELF_GetProgramRange();
+
+// Location texts. The normal form is "<file name>:<line>", with ":<column>" behind it for a
+// non-zero column, where the file name is the path's last component as the index knows it. A text
+// reads as a location when it is "<file>:<line>" or "<file>:<line>:<column>" with a file the index
+// knows (by full path or by file name, any case) and a line above 0; blanks around the parts are
+// allowed. ELF_NormaliseSrcLocText gives the normal form, or an empty text for anything else.
+QString ELF_GetSrcLocText(CSrcLoc Loc);
+bool ELF_ParseSrcLoc(const QString& sText, CSrcLoc* pLoc);
+QString ELF_NormaliseSrcLocText(const QString& sText);
+
+// What the bytes at an address are, from the ARM mapping symbols ($a, $t, $d) and data objects:
+// ELF_CODE_ARM, ELF_CODE_THUMB, ELF_CODE_DATA, or ELF_CODE_NONE where no mapping symbol says.
+ELF_CODE_TYPE ELF_GetMemBlockType(U32 Addr);
+ELF_CODE_TYPE ELF_GetCodeType(U32 Addr);
+
+// Symbols by name. A name "scope::rest" keeps only hits whose parent type or namespace is called
+// scope. Results: inline instances first (the last found first), then other DWARF symbols, then
+// ELF symbols.
+ELF_SYM_LIST ELF_FindDebugSymsByName(const QString& sName);
+ELF_SYM_LIST ELF_FindTypesByName(const QString& sName);
+ELF_SYM_LIST ELF_FindNamespacesByName(const QString& sName);
+ELF_SYM_LIST ELF_FindSyms(const QString& sName, bool DebugSyms, bool Types, bool Namespaces);
+ELF_SYM_HANDLE ELF_FindSym(const QString& sName, bool DebugSyms, bool Types, bool Namespaces);
+const ELF_SYM_LIST& ELF_GetGlobals();
+
+// Facts about one symbol, cached by handle. Addresses are run addresses; -1 for none.
+QString ELF_GetSymName(ELF_SYM_HANDLE h);
+QString ELF_GetSymDataTypeName(ELF_SYM_HANDLE h);
+ELF_SYM_LOC ELF_GetSymLoc(ELF_SYM_HANDLE h, U32 Pc);
+U32 ELF_GetSymAddr(ELF_SYM_HANDLE h);
+U32 ELF_GetSymSize(ELF_SYM_HANDLE h);
+// "N/A", "const", "[8000100]", "R3", "[BP - 4]", ... for logs and the call stack's debug view.
+QString ELF_GetSymLocText(const ELF_SYM_LOC& Loc);

@@ -1,0 +1,293 @@
+// The program index against the committed fixtures: address to line and line to addresses against
+// the recorded readelf line tables, functions against the recorded symbol tables, and, where
+// gdb-multiarch is installed, address to line against its answers on the same files.
+#include <gtest/gtest.h>
+
+#include <QFileInfo>
+#include <cstdio>
+#include <map>
+#include <regex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "ReadelfRecord.h"
+#include "debuginfo/ProgramIndex.h"
+
+namespace {
+
+const char* const kFixtures[] = {"c_O0",  "c_O0_dw5", "c_O2",    "c_O2_dw4", "cpp_O0",
+                                 "c_be8", "c_be32",   "cpp_tu4", "cpp_tu5",  "gc_O0"};
+
+typedef std::pair<std::string, int> FileLine;
+
+std::string BaseNameOf(U32 FileId) {
+  return QFileInfo(ELF_GetFilePath(FileId)).fileName().toStdString();
+}
+
+std::set<FileLine> LinesAt(U32 Addr) {
+  std::set<FileLine> lines;
+  for (const CSrcLoc& loc : ELF_GetSrcLocs(Addr))
+    lines.insert({BaseNameOf(loc.file), (int)loc.line});
+  return lines;
+}
+
+// The line rows of a recorded readelf table, end-of-sequence rows included (line -1). Unlike the
+// shared parser this also reads the address "0" that readelf prints without a prefix.
+std::vector<readelf::LineRow> RecordedRows(const std::string& sFixture) {
+  std::vector<readelf::LineRow> rows;
+  std::regex re(R"(^(\S+)\s+(\d+|-)\s+(0x[0-9a-f]+|0)(\s.*)?$)");
+  for (const std::string& line : readelf::ReadLines(readelf::FixturePath(sFixture + ".lines.txt"))) {
+    std::smatch m;
+    if (std::regex_match(line, m, re) && m[1] != "File")
+      rows.push_back({m[1], m[2] == "-" ? -1 : std::stoi(m[2]), (uint32_t)std::stoul(m[3], nullptr, 16)});
+  }
+  return rows;
+}
+
+// Rows of sequences the linker kept: readelf shows the dropped ones starting at address 0.
+std::vector<readelf::LineRow> KeptRows(const std::string& sFixture) {
+  std::vector<readelf::LineRow> kept;
+  bool keep = true, start = true;
+  for (const auto& row : RecordedRows(sFixture)) {
+    if (start)
+      keep = row.Addr != 0;
+    start = row.Line < 0;
+    if (keep)
+      kept.push_back(row);
+  }
+  return kept;
+}
+
+class ProgramIndexFixture : public ::testing::TestWithParam<const char*> {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(ELF_Init(readelf::FixturePath(std::string(GetParam()) + ".elf").c_str()), 0);
+  }
+  void TearDown() override { ELF_Deinit(); }
+};
+
+TEST_P(ProgramIndexFixture, AddressToLineMatchesReadelf) {
+  std::map<uint32_t, std::set<FileLine>> expected;
+  std::set<uint32_t> endsOnly;
+  for (const auto& row : KeptRows(GetParam())) {
+    if (row.Line < 0)
+      endsOnly.insert(row.Addr);
+    else
+      expected[row.Addr].insert({row.File, row.Line});
+  }
+  ASSERT_FALSE(expected.empty());
+  for (const auto& [addr, lines] : expected) {
+    SCOPED_TRACE(addr);
+    EXPECT_EQ(LinesAt(addr), lines);
+    EXPECT_TRUE(ELF_GetExactSrcLoc(addr).IsValid());
+  }
+  // End-of-sequence rows close a sequence; the address behind it is no line of that sequence.
+  for (uint32_t addr : endsOnly) {
+    if (!expected.count(addr)) {
+      EXPECT_FALSE(ELF_GetExactSrcLoc(addr).IsValid()) << addr;
+    }
+  }
+}
+
+TEST_P(ProgramIndexFixture, LineToAddressesMatchesReadelf) {
+  std::map<FileLine, std::set<uint32_t>> expected;
+  for (const auto& row : KeptRows(GetParam())) {
+    if (row.Line >= 0)
+      expected[{row.File, row.Line}].insert(row.Addr);
+  }
+  for (const auto& [fileLine, addrs] : expected) {
+    std::string text = fileLine.first + ":" + std::to_string(fileLine.second);
+    SCOPED_TRACE(text);
+    CSrcLoc loc;
+    ASSERT_TRUE(ELF_ParseSrcLoc(QString::fromStdString(text), &loc));
+    ELF_ADDR_LIST got = ELF_GetAddrs(loc);
+    EXPECT_EQ(std::set<uint32_t>(got.begin(), got.end()), addrs);
+    EXPECT_TRUE(std::is_sorted(got.begin(), got.end()));
+    EXPECT_EQ(ELF_GetFirstAddr(loc), *addrs.begin());
+  }
+}
+
+TEST_P(ProgramIndexFixture, FileListHoldsEveryFileOfTheLineTables) {
+  std::set<std::string> expected, got;
+  for (const auto& row : KeptRows(GetParam()))
+    expected.insert(row.File);
+  for (U32 id : ELF_GetFileIds())
+    got.insert(BaseNameOf(id));
+  for (const auto& name : expected)
+    EXPECT_TRUE(got.count(name)) << name;
+}
+
+// Every address inside a function of the symbol table is in that function; inline copies do not
+// change the outermost answer. C++ symbols carry mangled names, so the range decides.
+TEST_P(ProgramIndexFixture, FunctionAtAddressMatchesSymbolTable) {
+  int checked = 0;
+  for (const auto& sym : readelf::ParseSymbols(GetParam())) {
+    if (sym.Type != "FUNC" || sym.Size == 0)
+      continue;
+    uint32_t start = sym.Value & ~1u;
+    for (uint32_t a = start; a < start + sym.Size; a += 2) {
+      ELF_SYM_HANDLE h = ELF_GetFuncAt(a, true);
+      ASSERT_NE(h, 0u) << sym.Name << " +" << a - start;
+      CAddrRange r = ELF_GetFuncRange(h);
+      EXPECT_EQ(r.start, start) << sym.Name << " +" << a - start;
+      EXPECT_EQ(r.size, sym.Size) << sym.Name;
+      if (sym.Name.rfind("_Z", 0) != 0) {
+        EXPECT_EQ(ELF_GetSymName(h).toStdString(), sym.Name);
+      }
+      checked++;
+    }
+  }
+  EXPECT_GT(checked, 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Fixtures, ProgramIndexFixture, ::testing::ValuesIn(kFixtures));
+
+/*********************************************************************
+ * gdb-multiarch, run live on the fixture
+ */
+
+bool HaveGdb() {
+  return system("gdb-multiarch --version > /dev/null 2>&1") == 0;
+}
+
+// gdb's "info line *ADDR" for each address: file name and line, or an empty name for "no line".
+std::vector<FileLine> GdbInfoLine(const std::string& sElf, const std::vector<uint32_t>& Addrs) {
+  std::string cmd = "gdb-multiarch -batch -nx";
+  char ac[64];
+  for (uint32_t a : Addrs) {
+    snprintf(ac, sizeof(ac), " -ex 'info line *0x%x'", a);
+    cmd += ac;
+  }
+  cmd += " '" + sElf + "' 2>&1";
+  std::vector<FileLine> answers;
+  FILE* p = popen(cmd.c_str(), "r");
+  if (!p)
+    return answers;
+  char acLine[1024];
+  std::regex reLine(R"re(^Line (\d+) of "([^"]+)".*)re");
+  while (fgets(acLine, sizeof(acLine), p)) {
+    std::string line(acLine);
+    std::smatch m;
+    if (std::regex_search(line, m, reLine))
+      answers.push_back({QFileInfo(QString::fromStdString(m[2])).fileName().toStdString(), std::stoi(m[1])});
+    else if (line.rfind("No line number", 0) == 0)
+      answers.push_back({"", 0});
+  }
+  pclose(p);
+  return answers;
+}
+
+TEST_P(ProgramIndexFixture, AddressToLineMatchesGdb) {
+  if (!HaveGdb())
+    GTEST_SKIP() << "gdb-multiarch is not installed";
+  // Each row's address and the halfword behind it, as long as a function of the symbol table holds
+  // it: padding between functions belongs to no line here, where gdb gives it the line before.
+  std::vector<std::pair<uint32_t, uint32_t>> funcs;
+  for (const auto& sym : readelf::ParseSymbols(GetParam())) {
+    if (sym.Type == "FUNC" && sym.Size)
+      funcs.push_back({sym.Value & ~1u, (sym.Value & ~1u) + sym.Size});
+  }
+  auto inFunction = [&](uint32_t a) {
+    for (const auto& [lo, hi] : funcs) {
+      if (a >= lo && a < hi)
+        return true;
+    }
+    return false;
+  };
+  std::set<uint32_t> probe;
+  for (const auto& row : KeptRows(GetParam())) {
+    for (uint32_t a : {row.Addr, row.Addr + 2}) {
+      if (row.Line >= 0 && inFunction(a))
+        probe.insert(a);
+    }
+  }
+  std::vector<uint32_t> addrs(probe.begin(), probe.end());
+  auto answers = GdbInfoLine(readelf::FixturePath(std::string(GetParam()) + ".elf"), addrs);
+  ASSERT_EQ(answers.size(), addrs.size());
+  for (size_t i = 0; i < addrs.size(); i++) {
+    SCOPED_TRACE(addrs[i]);
+    std::set<FileLine> ours = LinesAt(addrs[i]);
+    if (answers[i].first.empty())
+      EXPECT_TRUE(ours.empty());
+    else
+      EXPECT_TRUE(ours.count(answers[i])) << answers[i].first << ":" << answers[i].second;
+  }
+}
+
+/*********************************************************************
+ * Code the linker dropped, location texts
+ */
+
+// gc_O0 is linked with --gc-sections: unused_square and unused_twice stay in DWARF at address 0.
+TEST(ProgramIndex, FunctionsTheLinkerDroppedLeaveNoCodeBehind) {
+  ASSERT_EQ(ELF_Init(readelf::FixturePath("gc_O0.elf").c_str()), 0);
+  std::set<FileLine> kept, all;
+  for (const auto& row : KeptRows("gc_O0"))
+    kept.insert({row.File, row.Line});
+  for (const auto& row : RecordedRows("gc_O0")) {
+    if (row.Line >= 0)
+      all.insert({row.File, row.Line});
+  }
+  ASSERT_GT(all.size(), kept.size());
+  for (const auto& [file, line] : all) {
+    CSrcLoc loc;
+    ASSERT_TRUE(ELF_ParseSrcLoc(QString::fromStdString(file + ":" + std::to_string(line)), &loc));
+    EXPECT_EQ(ELF_GetAddrs(loc).empty(), !kept.count({file, line})) << file << ":" << line;
+  }
+  EXPECT_EQ(ELF_GetFuncAt(0, true), 0u);
+  EXPECT_EQ(ELF_GetFuncAt(8, false), 0u);
+  EXPECT_TRUE(ELF_GetSrcLocs(0).empty());
+  std::set<std::string> droppedNames;
+  for (const auto& unit : readelf::ParseInfo("gc_O0")) {
+    for (const auto& d : unit.Dies) {
+      if (d.Tag == "DW_TAG_subprogram" && d.Has("DW_AT_low_pc") && d.Number("DW_AT_low_pc") == 0)
+        droppedNames.insert(d.Name());
+    }
+  }
+  ASSERT_TRUE(droppedNames.count("unused_twice"));
+  for (ELF_SYM_HANDLE h : ELF_GetAllFunctions())
+    EXPECT_FALSE(droppedNames.count(ELF_GetSymName(h).toStdString())) << ELF_GetSymName(h).toStdString();
+  EXPECT_EQ(ELF_GetIndexCounts().droppedFunctions, droppedNames.size());
+  ELF_Deinit();
+}
+
+TEST(ProgramIndex, LocationTextsHaveOneNormalForm) {
+  ASSERT_EQ(ELF_Init(readelf::FixturePath("c_O0.elf").c_str()), 0);
+  std::string fullPath = ELF_GetFilePath(ELF_GetFileId("prog.c")).toStdString();
+  const struct {
+    std::string text;
+    const char* normal;  // "" when the text is no location
+  } cases[] = {
+      {"prog.c:45", "prog.c:45"},
+      {"  PROG.C : 45 ", "prog.c:45"},
+      {"\"prog.c:45\"", "prog.c:45"},
+      {"prog.c:45:7", "prog.c:45:7"},
+      {fullPath + ":60", "prog.c:60"},
+      {"startup.c:8", "startup.c:8"},
+      {"prog.c:0", ""},
+      {"prog.c:-3", ""},
+      {"prog.c:x", ""},
+      {"prog.c", ""},
+      {"other.c:45", ""},
+      {"", ""},
+      {"main", ""},
+  };
+  for (const auto& c : cases)
+    EXPECT_EQ(ELF_NormaliseSrcLocText(QString::fromStdString(c.text)).toStdString(), c.normal) << c.text;
+  ELF_Deinit();
+}
+
+TEST(ProgramIndex, QueriesBeforeLoadAndAfterAFailedLoadAreEmpty) {
+  ELF_Deinit();
+  EXPECT_FALSE(ELF_IsLoaded());
+  EXPECT_TRUE(ELF_GetSrcLocs(0x8000114).empty());
+  EXPECT_EQ(ELF_GetFuncAt(0x8000114, false), 0u);
+  EXPECT_EQ(ELF_GetPrevAddr(0x8000114), 0xFFFFFFFFu);
+  EXPECT_EQ(ELF_Init("/nonexistent/file.elf"), -1);
+  EXPECT_FALSE(ELF_IsLoaded());
+  EXPECT_TRUE(ELF_GetFileIds().empty());
+  EXPECT_EQ(ELF_GetFileId("prog.c"), 0xFFFFFFFFu);
+}
+
+}  // namespace
