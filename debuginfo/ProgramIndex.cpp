@@ -1120,6 +1120,15 @@ QString ELF_GetSymName(ELF_SYM_HANDLE h) {
   return name;
 }
 
+ELF_SYM_HANDLE ELF_GetSymDataType(ELF_SYM_HANDLE h) {
+  std::lock_guard lock(ELF_GetIndexMutex());
+  ELF_FILE* pFile = nullptr;
+  ELF_DIE die = nullptr;
+  if (!_GetDwarfSymContext(h, &pFile, &die))
+    return 0;
+  return _GetDwarfSymHandle(pFile, _GetDataTypeDie(pFile, die, false));
+}
+
 QString ELF_GetSymDataTypeName(ELF_SYM_HANDLE h) {
   std::lock_guard lock(ELF_GetIndexMutex());
   ELF_FILE* pFile = nullptr;

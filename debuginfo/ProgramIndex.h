@@ -174,6 +174,8 @@ const ELF_SYM_LIST& ELF_GetGlobals();
 
 // Facts about one symbol, cached by handle. Addresses are run addresses; -1 for none.
 QString ELF_GetSymName(ELF_SYM_HANDLE h);
+// The handle of the symbol's type (DW_AT_type), 0 if none; the type text in the tree's notation.
+ELF_SYM_HANDLE ELF_GetSymDataType(ELF_SYM_HANDLE h);
 QString ELF_GetSymDataTypeName(ELF_SYM_HANDLE h);
 ELF_SYM_LOC ELF_GetSymLoc(ELF_SYM_HANDLE h, U32 Pc);
 U32 ELF_GetSymAddr(ELF_SYM_HANDLE h);

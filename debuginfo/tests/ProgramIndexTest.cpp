@@ -291,3 +291,198 @@ TEST(ProgramIndex, QueriesBeforeLoadAndAfterAFailedLoadAreEmpty) {
 }
 
 }  // namespace
+
+namespace {
+
+/*********************************************************************
+ * Global symbols by name, against gdb-multiarch
+ */
+
+struct GdbGlobal {
+  std::string name;
+  long long addr = -1;  // "static storage at address", -1 for anything else
+  long long size = -1;
+  std::string type;
+};
+
+// Runs "info address", "print sizeof" and "whatis" for each name; answers in order of the names.
+std::vector<GdbGlobal> GdbGlobals(const std::string& sElf, const std::vector<std::string>& Names) {
+  std::string cmd = "gdb-multiarch -batch -nx";
+  for (const auto& n : Names)
+    cmd += " -ex 'echo @@" + n + "\\n' -ex 'info address " + n + "' -ex 'print sizeof(" + n +
+           ")' -ex 'whatis " + n + "'";
+  cmd += " '" + sElf + "' 2>&1";
+  std::vector<GdbGlobal> out;
+  FILE* p = popen(cmd.c_str(), "r");
+  if (!p)
+    return out;
+  std::regex reAddr(R"re(is static storage at address 0x([0-9a-f]+)\.)re");
+  std::regex reSize(R"(^\$\d+ = (\d+))");
+  std::regex reType(R"(^type = (.*)$)");
+  char ac[1024];
+  while (fgets(ac, sizeof(ac), p)) {
+    std::string line(ac);
+    if (!line.empty() && line.back() == '\n')
+      line.pop_back();
+    std::smatch m;
+    if (line.rfind("@@", 0) == 0)
+      out.push_back(GdbGlobal{line.substr(2), -1, -1, ""});
+    else if (out.empty())
+      continue;
+    else if (std::regex_search(line, m, reAddr))
+      out.back().addr = std::stoll(m[1], nullptr, 16);
+    else if (std::regex_search(line, m, reSize))
+      out.back().size = std::stoll(m[1]);
+    else if (std::regex_search(line, m, reType))
+      out.back().type = m[1];
+  }
+  pclose(p);
+  return out;
+}
+
+// The name of a type as gdb's "whatis" writes it, for types that a name alone describes; empty for
+// the others (pointers, arrays, qualifiers), which the comparison leaves out.
+std::string NamedTypeText(ELF_SYM_HANDLE hType) {
+  std::string name = ELF_GetSymName(hType).toStdString();
+  ELF_DIE die = _GetDie(hType);
+  ELF_FILE* pFile = ELF_GetIndexedFile();
+  if (!die || name.empty())
+    return "";
+  switch (_GetDieType(pFile, die)) {
+    case ELF_TAG_STRUCTURE:
+      return "struct " + name;
+    case ELF_TAG_UNION:
+      return "union " + name;
+    case ELF_TAG_ENUMERATION:
+      return "enum " + name;
+    case ELF_TAG_TYPEDEF:
+    case ELF_TAG_CLASS:
+      return name;
+    default:
+      return "";
+  }
+}
+
+TEST_P(ProgramIndexFixture, GlobalsByNameMatchGdb) {
+  if (!HaveGdb())
+    GTEST_SKIP() << "gdb-multiarch is not installed";
+  // The variables with a location at unit level, as readelf records them, with their type's DIE.
+  std::map<std::string, std::pair<uint64_t, uint64_t>> vars;
+  for (const auto& unit : readelf::ParseInfo(GetParam())) {
+    for (const auto& d : unit.Dies) {
+      if (d.Tag == "DW_TAG_variable" && d.Level == 1 && d.Has("DW_AT_location") && !d.Name().empty()) {
+        bool local = d.Has("DW_AT_type") && d.Attrs.at("DW_AT_type").rfind("<0x", 0) == 0;
+        vars[d.Name()] = {d.Offset, local ? d.Number("DW_AT_type") : 0};
+      }
+    }
+  }
+  ASSERT_FALSE(vars.empty());
+  std::vector<std::string> list;
+  for (const auto& [name, offsets] : vars)
+    list.push_back(name);
+  auto answers = GdbGlobals(readelf::FixturePath(std::string(GetParam()) + ".elf"), list);
+  ASSERT_EQ(answers.size(), list.size());
+  ELF_FILE* pFile = ELF_GetIndexedFile();
+  for (const auto& g : answers) {
+    SCOPED_TRACE(g.name);
+    ELF_SYM_HANDLE h = ELF_FindSym(QString::fromStdString(g.name), true, false, false);
+    ASSERT_NE(h, 0u);
+    ASSERT_FALSE(_IsElfSymbolHandle(h));
+    EXPECT_EQ(ELF_GetSymName(h).toStdString(), g.name);
+    EXPECT_EQ(_GetDieOffset(pFile, _GetDie(h)), vars[g.name].first);
+    ASSERT_NE(g.addr, -1);
+    EXPECT_EQ((long long)ELF_GetSymAddr(h), g.addr);
+    EXPECT_EQ(ELF_GetSymLoc(h, 0).kind, ELF_LOC_ADDR);
+    EXPECT_EQ((long long)ELF_GetSymSize(h), g.size);
+    EXPECT_FALSE(ELF_GetSymDataTypeName(h).isEmpty());
+    ELF_SYM_HANDLE hType = ELF_GetSymDataType(h);
+    ASSERT_NE(hType, 0u);
+    if (vars[g.name].second) {
+      EXPECT_EQ(_GetDieOffset(pFile, _GetDie(hType)), vars[g.name].second);
+    }
+    std::string named = NamedTypeText(hType);
+    if (!named.empty()) {
+      EXPECT_EQ(named, g.type);
+    }
+  }
+}
+
+}  // namespace
+
+namespace {
+
+// Scoped names in the C++ fixtures: each name is searched, and what it finds is checked against the
+// recorded DIEs (tag, name, enclosing scope) or, for functions, against the recorded symbol table.
+TEST(ProgramIndex, ScopedNamesFindTheirScopeOnly) {
+  for (const char* sFixture : {"cpp_O0", "cpp_tu4", "cpp_tu5"}) {
+    SCOPED_TRACE(sFixture);
+    ASSERT_EQ(ELF_Init(readelf::FixturePath(std::string(sFixture) + ".elf").c_str()), 0);
+    ELF_FILE* pFile = ELF_GetIndexedFile();
+    // Readelf's DIEs by offset, to name each DIE's scope.
+    std::map<uint64_t, readelf::Die> dies;
+    for (const auto& unit : readelf::ParseInfo(sFixture)) {
+      for (const auto& d : unit.Dies)
+        dies[d.Offset] = d;
+    }
+    // A definition outside its namespace names its declaration, which sits in the namespace.
+    auto scopeOf = [&](uint64_t Offset) {
+      const readelf::Die* p = &dies[Offset];
+      if (p->Has("DW_AT_specification") && dies.count(p->Number("DW_AT_specification")))
+        p = &dies[p->Number("DW_AT_specification")];
+      const readelf::Die& d = *p;
+      return d.Parent && dies.count(d.Parent) ? dies[d.Parent].Name() : std::string();
+    };
+    const struct {
+      const char* name;
+      bool types;
+      const char* tag;    // of the hit, "" for no hit
+      const char* scope;  // name of the hit's parent DIE, "" for the unit
+    } cases[] = {
+        {"shapes::Rect", true, "DW_TAG_class_type", "shapes"},
+        {"Rect", true, "DW_TAG_class_type", "shapes"},
+        {"shapes::Shape", true, "DW_TAG_class_type", "shapes"},
+        {"other::Rect", true, "", ""},
+        {"shapes::g_total", false, "", ""},
+        {"g_total", false, "DW_TAG_variable", ""},
+    };
+    for (const auto& c : cases) {
+      SCOPED_TRACE(c.name);
+      ELF_SYM_HANDLE h = ELF_FindSym(c.name, !c.types, c.types, false);
+      if (!*c.tag) {
+        EXPECT_EQ(h, 0u);
+        continue;
+      }
+      ASSERT_NE(h, 0u);
+      uint64_t offset = _GetDieOffset(pFile, _GetDie(h));
+      // A class in a .debug_types unit has no DIE in the .debug_info record to compare with.
+      bool inInfo = _GetDieID(pFile, _GetDie(h)) < ELF_TYPES_ID_BASE;
+      ASSERT_TRUE(!inInfo || dies.count(offset));
+      if (inInfo) {
+        EXPECT_EQ(dies[offset].Tag, c.tag);
+        if (*c.scope) {
+          EXPECT_EQ(scopeOf(offset), c.scope);
+        } else {
+          EXPECT_EQ(dies[offset].Level, 1);  // directly in its unit
+        }
+      }
+      EXPECT_EQ(ELF_GetSymName(h).toStdString(),
+                std::string(c.name).substr(std::string(c.name).rfind(':') + 1));
+    }
+    ELF_SYM_LIST spaces = ELF_FindNamespacesByName("shapes");
+    ASSERT_FALSE(spaces.empty());
+    EXPECT_EQ(ELF_GetSymName(spaces.front()).toStdString(), "shapes");
+    // A method by its qualified name covers the code of its mangled symbol.
+    for (const auto& sym : readelf::ParseSymbols(sFixture)) {
+      if (sym.Name != "_ZNK6shapes4Rect4AreaEv")
+        continue;
+      ELF_SYM_HANDLE h = ELF_FindSym("shapes::Rect::Area", true, false, false);
+      ASSERT_NE(h, 0u);
+      CAddrRange r = ELF_GetFuncRange(h);
+      EXPECT_EQ(r.start, sym.Value & ~1u);
+      EXPECT_EQ(r.size, sym.Size);
+    }
+    ELF_Deinit();
+  }
+}
+
+}  // namespace
