@@ -72,7 +72,7 @@ class CQemu {
                                    "-serial",
                                    "none",
                                    "-chardev",
-                                   "socket,id=gdb,server=on,wait=off,fd=" + std::to_string(Listen),
+                                   "socket,id=gdb,server=on,wait=off,nodelay=on,fd=" + std::to_string(Listen),
                                    "-gdb",
                                    "chardev:gdb",
                                    "-kernel",
