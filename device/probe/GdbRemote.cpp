@@ -523,7 +523,8 @@ int CGdbRemote::IsHalted() {
   if (_RunState == STATE_LOST || _Conn.IsLost() || !_Conn.IsOpen()) {
     return -1;
   }
-  while (_RunState == STATE_RUNNING) {
+  // A bounded number of packets per call, so that a server flooding console output can't hold us.
+  for (int i = 0; i < 64 && _RunState == STATE_RUNNING; i++) {
     std::string sPacket;
     int r = _Conn.ReadPacket(sPacket, 0);
     if (r < 0) {
@@ -537,7 +538,7 @@ int CGdbRemote::IsHalted() {
       return -1;
     }
   }
-  return _RunState == STATE_HALTED ? 1 : -1;
+  return _RunState == STATE_HALTED ? 1 : (_RunState == STATE_RUNNING ? 0 : -1);
 }
 
 int CGdbRemote::Go(bool StepOverBreakpoint) {
