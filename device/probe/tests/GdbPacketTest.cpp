@@ -1,6 +1,6 @@
-// The framing of the GDB remote protocol: frames and checksums as gdb-multiarch sends them (recorded
-// with "set debug remote 1"), the decoding rules of the protocol's manual (escapes, run-length
-// encoding) and how damaged input is rejected.
+// The framing of the GDB remote protocol: frames and checksums as they appeared on QEMU's gdb socket
+// (the other checksums worked out by hand: the payload's byte sum modulo 256), the decoding rules of
+// the protocol's manual (escapes, run-length encoding) and how damaged input is rejected.
 #include <gtest/gtest.h>
 
 #include <string>

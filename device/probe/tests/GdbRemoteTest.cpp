@@ -1,6 +1,6 @@
 // The GDB remote back-end against a scripted server: the replies are those QEMU 7.2 gave for
-// mps2-an385 (recorded with "set debug remote 1" in gdb-multiarch), changed per test to refusals,
-// damaged packets and hang-ups. Everything goes through the probe operations with the IP interface.
+// mps2-an385 (recorded from its gdb socket), changed per test to refusals, damaged packets and
+// hang-ups. Everything goes through the probe operations with the IP interface.
 #include <gtest/gtest.h>
 
 #include <chrono>
