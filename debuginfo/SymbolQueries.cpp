@@ -182,3 +182,179 @@ ELF_ARRAY_INFO ELF_ParseDieArrayInfo(ELF_FILE* pFile, ELF_DIE Die) {
   info.totalSize = total <= kMaxPlausibleSize ? (U32)total : 0;
   return info;
 }
+
+/*********************************************************************
+ * Members, bit fields, arrays
+ */
+
+// The DIE whose member list answers for h: h itself, else its definition, else what its
+// DW_AT_specification names.
+static ELF_SYM_HANDLE _MemberScope(ELF_SYM_HANDLE h) {
+  ELF_FILE* pFile = nullptr;
+  ELF_DIE die = nullptr;
+  for (int depth = 0; depth < 20 && _GetDwarfSymContext(h, &pFile, &die); depth++) {
+    if (ELF_GetScopeListCount(pFile, h, ELF_SCOPE_MEMBERS))
+      return h;
+    ELF_DIE next = _GetDefinitionDie(pFile, die);
+    if (!next || next == die)
+      next = _GetReferenceDie(pFile, die, DW_AT_specification);
+    if (!next || next == die)
+      break;
+    h = _GetDwarfSymHandle(pFile, next);
+  }
+  return 0;
+}
+
+U32 ELF_GetSymMemberCount(ELF_SYM_HANDLE h) {
+  std::lock_guard lock(ELF_GetIndexMutex());
+  ELF_SYM_HANDLE scope = _MemberScope(h);
+  ELF_FILE* pFile = nullptr;
+  return scope && _GetFile(scope, &pFile) ? ELF_GetScopeListCount(pFile, scope, ELF_SCOPE_MEMBERS) : 0;
+}
+
+ELF_SYM_HANDLE ELF_GetSymMember(ELF_SYM_HANDLE h, U32 Index) {
+  std::lock_guard lock(ELF_GetIndexMutex());
+  ELF_SYM_HANDLE scope = _MemberScope(h);
+  ELF_FILE* pFile = nullptr;
+  return scope && _GetFile(scope, &pFile) ? ELF_GetScopeListHandle(pFile, scope, ELF_SCOPE_MEMBERS, Index)
+                                          : 0;
+}
+
+int ELF_GetSymMemberIdx(ELF_SYM_HANDLE h, const char* sName) {
+  std::lock_guard lock(ELF_GetIndexMutex());
+  if (!sName)
+    return -1;
+  U32 n = ELF_GetSymMemberCount(h);
+  for (U32 i = 0; i < n; i++) {
+    if (ELF_GetSymName(ELF_GetSymMember(h, i)) == QString::fromUtf8(sName))
+      return (int)i;
+  }
+  return -1;
+}
+
+int ELF_GetSymMemberOffset(ELF_SYM_HANDLE h) {
+  std::lock_guard lock(ELF_GetIndexMutex());
+  ELF_FILE* pFile = nullptr;
+  ELF_DIE die = nullptr;
+  if (!_GetDwarfSymContext(h, &pFile, &die))
+    return -1;
+  U16 tag = _GetDieType(pFile, die);
+  if (tag != ELF_TAG_MEMBER && tag != ELF_TAG_INHERITANCE)
+    return -1;
+  ELF_SYM_LOC loc = ELF_GetDieLoc(pFile, die, 0);
+  return loc.kind == ELF_LOC_PARENT_LOC ? loc.offset : -1;
+}
+
+U32 ELF_GetSymBitWidth(ELF_SYM_HANDLE h) {
+  std::lock_guard lock(ELF_GetIndexMutex());
+  ELF_FILE* pFile = nullptr;
+  ELF_DIE die = nullptr;
+  if (!_GetDwarfSymContext(h, &pFile, &die))
+    return 0;
+  bool found = false;
+  U64 width = _GetAttributeAsU64(pFile, die, DW_AT_bit_size, &found);
+  return found && width <= 64 ? (U32)width : 0;
+}
+
+U32 ELF_GetSymBitOffset(ELF_SYM_HANDLE h) {
+  std::lock_guard lock(ELF_GetIndexMutex());
+  ELF_FILE* pFile = nullptr;
+  ELF_DIE die = nullptr;
+  if (!_GetDwarfSymContext(h, &pFile, &die))
+    return 0;
+  bool found = false;
+  U64 dataBitOffset = _GetAttributeAsU64(pFile, die, DW_AT_data_bit_offset, &found);
+  if (found)
+    return (U32)dataBitOffset;
+  U64 o = _GetAttributeAsU64(pFile, die, DW_AT_bit_offset, &found);
+  U32 w = ELF_GetSymBitWidth(h);
+  if (!found || w == 0)
+    return 0;
+  // DW_AT_bit_offset counts from the high bit of the storage unit (the member's type size).
+  U64 s = 0;
+  bool haveSize = false;
+  s = _GetAttributeAsU64(pFile, die, DW_AT_byte_size, &haveSize);
+  if (!haveSize)
+    s = ELF_GetDieSizeRecursive(pFile, die);
+  if (s * 8 < w + o)
+    return (U32)(32 - w - o);
+  return (U32)(s * 8 - w - o);
+}
+
+ELF_ARRAY_INFO ELF_GetSymArrayInfo(ELF_SYM_HANDLE h) {
+  std::lock_guard lock(ELF_GetIndexMutex());
+  ELF_FILE* pFile = nullptr;
+  ELF_DIE die = nullptr;
+  if (!_GetDwarfSymContext(h, &pFile, &die))
+    return ELF_ARRAY_INFO{};
+  if (_GetDieType(pFile, die) != ELF_TAG_ARRAY) {
+    // Through typedefs and qualifiers only: a pointer to an array is no array.
+    ELF_DIE t = _GetReferenceDie(pFile, die, DW_AT_type);
+    for (int step = 0; t && step < 25; step++) {
+      U16 tag = _GetDieType(pFile, t);
+      if (tag == ELF_TAG_ARRAY)
+        break;
+      if (tag != ELF_TAG_TYPEDEF && tag != ELF_TAG_CONST && tag != ELF_TAG_VOLATILE &&
+          tag != ELF_TAG_RESTRICT)
+        return ELF_ARRAY_INFO{};
+      t = _GetReferenceDie(pFile, t, DW_AT_type);
+    }
+    die = t;
+  }
+  return ELF_ParseDieArrayInfo(pFile, die);
+}
+
+/*********************************************************************
+ * Call frame rules
+ */
+
+static ELF_SYM_LOC _RuleToLoc(const DWA_REG_RULE& Rule, U32 Row) {
+  ELF_SYM_LOC loc = {};
+  switch (Rule.Kind) {
+    case DWA_RULE_UNDEFINED:
+      loc.kind = ELF_LOC_REG;
+      loc.reg = 1034;
+      break;
+    case DWA_RULE_SAME_VALUE:
+      loc.kind = ELF_LOC_REG;
+      loc.reg = Row;
+      break;
+    case DWA_RULE_OFFSET:
+      loc.kind = ELF_LOC_AT_CFA;
+      loc.offset = (I32)Rule.Offset;
+      break;
+    case DWA_RULE_VAL_OFFSET:
+      loc.kind = ELF_LOC_CFA_VALUE;
+      loc.offset = (I32)Rule.Offset;
+      break;
+    case DWA_RULE_REGISTER:
+      loc.kind = ELF_LOC_REG;
+      loc.reg = Rule.Reg;
+      break;
+    case DWA_RULE_CFA:
+      loc.kind = ELF_LOC_REG_VALUE;
+      loc.reg = Rule.Reg;
+      loc.offset = (I32)Rule.Offset;
+      break;
+    default:
+      ELF_Log(ELF_LOG_LIBDWARF, "LibDwarf: evaluation of 'DW_EXPR_EXPRESSION' not implemented");
+      break;
+  }
+  return loc;
+}
+
+int ELF_GetFrameRows(U32 Pc, ELF_SYM_LOC* paRows) {
+  std::lock_guard lock(ELF_GetIndexMutex());
+  ELF_FILE* pFile = ELF_GetIndexedFile();
+  if (!pFile || !paRows)
+    return 0;
+  DWA_REG_RULE rules[DWA_NUM_FRAME_REGS] = {};
+  DWA_REG_RULE cfa = {};
+  if (ELF_GetFrameRules(pFile, Pc, rules, &cfa) != 0)
+    return 0;
+  for (int r = 0; r < ELF_FRAME_ROWS; r++)
+    paRows[r] = _RuleToLoc(rules[r], (U32)r);
+  cfa.Offset *= pFile->cfaOffsetFactor ? pFile->cfaOffsetFactor : 1;
+  paRows[13] = _RuleToLoc(cfa, 13);
+  return ELF_FRAME_ROWS;
+}

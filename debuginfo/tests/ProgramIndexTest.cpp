@@ -8,11 +8,13 @@
 #include <map>
 #include <regex>
 #include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "ReadelfRecord.h"
 #include "debuginfo/ProgramIndex.h"
+#include "debuginfo/SymbolQueries.h"
 
 namespace {
 
@@ -482,6 +484,185 @@ TEST(ProgramIndex, ScopedNamesFindTheirScopeOnly) {
       EXPECT_EQ(r.size, sym.Size);
     }
     ELF_Deinit();
+  }
+}
+
+}  // namespace
+
+namespace {
+
+/*********************************************************************
+ * Call frame rules against readelf --debug-dump=frames-interp
+ */
+
+TEST_P(ProgramIndexFixture, FrameRulesMatchReadelf) {
+  std::regex reFde(R"(FDE cie=\S+ pc=([0-9a-f]+)\.\.([0-9a-f]+))");
+  std::regex reCie(R"(CIE .* ra=(\d+))");
+  std::regex reRow(R"(^([0-9a-f]{8}) +r(\d+)\+(\d+) *(.*)$)");
+  std::vector<std::string> columns;
+  unsigned returnColumn = 14;
+  uint32_t fdeLo = 0;
+  int rowsChecked = 0;
+  for (const std::string& line :
+       readelf::ReadLines(readelf::FixturePath(std::string(GetParam()) + ".framesinterp.txt"))) {
+    std::smatch m;
+    if (std::regex_search(line, m, reCie)) {
+      returnColumn = (unsigned)std::stoul(m[1]);
+      fdeLo = 0;  // the CIE's initial row describes no code
+      continue;
+    }
+    if (std::regex_search(line, m, reFde)) {
+      fdeLo = (uint32_t)std::stoul(m[1], nullptr, 16);
+      columns.clear();
+      continue;
+    }
+    if (line.find("   LOC   CFA") == 0) {
+      std::istringstream in(line.substr(12));
+      std::string col;
+      while (in >> col)
+        columns.push_back(col);
+      continue;
+    }
+    // Frames of code the linker dropped sit at 0 and describe nothing in the program either.
+    if (!std::regex_match(line, m, reRow) || fdeLo == 0)
+      continue;
+    uint32_t pc = (uint32_t)std::stoul(m[1], nullptr, 16);
+    SCOPED_TRACE(line);
+    ELF_SYM_LOC rows[ELF_FRAME_ROWS];
+    ASSERT_EQ(ELF_GetFrameRows(pc, rows), ELF_FRAME_ROWS);
+    EXPECT_EQ(rows[13].kind, ELF_LOC_REG_VALUE);
+    EXPECT_EQ(rows[13].reg, std::stoul(m[2]));
+    EXPECT_EQ(rows[13].offset, std::stoi(m[3]));
+    std::istringstream in(m[4].str());
+    std::string value;
+    for (size_t c = 0; c < columns.size() && in >> value; c++) {
+      unsigned reg = columns[c] == "ra" ? returnColumn : (unsigned)std::stoul(columns[c].substr(1));
+      ASSERT_LT(reg, (unsigned)ELF_FRAME_ROWS);
+      const ELF_SYM_LOC& r = rows[reg];
+      if (value == "u") {
+        // Not saved yet: the caller's value is still in the register.
+        EXPECT_EQ(r.kind, ELF_LOC_REG) << columns[c];
+        EXPECT_TRUE(r.reg == 1034 || r.reg == reg) << columns[c];
+      } else {
+        ASSERT_EQ(value[0], 'c') << value;
+        EXPECT_EQ(r.kind, ELF_LOC_AT_CFA) << columns[c];
+        EXPECT_EQ(r.offset, std::stoi(value.substr(1))) << columns[c];
+      }
+    }
+    rowsChecked++;
+  }
+  EXPECT_GT(rowsChecked, 0);
+  ELF_SYM_LOC rows[ELF_FRAME_ROWS];
+  EXPECT_EQ(ELF_GetFrameRows(0xFFFFFF00, rows), 0);
+}
+
+}  // namespace
+
+namespace {
+
+/*********************************************************************
+ * Members and arrays against gdb-multiarch's "ptype/o" and "whatis"
+ */
+
+struct GdbMember {
+  std::string name;
+  long long bitPos;  // offset * 8 + bit
+  long long size;
+  long long bitWidth;
+};
+
+// The data members of "ptype/o TYPE" (methods, access labels and padding notes left out).
+std::vector<GdbMember> GdbPtypeOffsets(const std::string& sElf, const std::string& sType) {
+  std::string cmd = "gdb-multiarch -batch -nx -ex 'ptype/o " + sType + "' '" + sElf + "' 2>&1";
+  std::vector<GdbMember> members;
+  FILE* p = popen(cmd.c_str(), "r");
+  if (!p)
+    return members;
+  std::regex reStruct(R"(^/\*\s+(\d+)(?::\s*(\d+))?\s+\|\s+(\d+) \*/\s+(.*);$)");
+  std::regex reUnion(R"(^/\*\s+(\d+) \*/\s+(.*);$)");
+  std::regex reDecl(R"(([A-Za-z_]\w*)(\[\d+\])*(?: : (\d+))?$)");
+  char ac[1024];
+  while (fgets(ac, sizeof(ac), p)) {
+    std::string line(ac);
+    if (!line.empty() && line.back() == '\n')
+      line.pop_back();
+    std::smatch m, d;
+    long long bitPos = 0, size = 0;
+    std::string decl;
+    if (std::regex_match(line, m, reStruct)) {
+      bitPos = std::stoll(m[1]) * 8 + (m[2].matched ? std::stoll(m[2]) : 0);
+      size = std::stoll(m[3]);
+      decl = m[4];
+    } else if (std::regex_match(line, m, reUnion)) {
+      size = std::stoll(m[1]);
+      decl = m[2];
+    } else {
+      continue;
+    }
+    if (decl.find('(') != std::string::npos || !std::regex_search(decl, d, reDecl))
+      continue;
+    members.push_back({d[1], bitPos, size, d[3].matched ? std::stoll(d[3]) : 0});
+  }
+  pclose(p);
+  return members;
+}
+
+TEST_P(ProgramIndexFixture, MemberOffsetsMatchGdb) {
+  if (!HaveGdb())
+    GTEST_SKIP() << "gdb-multiarch is not installed";
+  bool cpp = std::string(GetParam()).rfind("cpp", 0) == 0;
+  if (std::string(GetParam()) == "gc_O0")
+    GTEST_SKIP() << "no aggregate types";
+  // Type name for gdb, and how our index finds it: a type by name, or the type a typedef names.
+  const std::vector<std::pair<std::string, std::string>> types =
+      cpp ? std::vector<std::pair<std::string, std::string>>{{"shapes::Rect", "shapes::Rect"},
+                                                             {"shapes::Shape", "shapes::Shape"}}
+          : std::vector<std::pair<std::string, std::string>>{{"struct point", "point"},
+                                                             {"struct flags", "flags"},
+                                                             {"union word", "word"},
+                                                             {"foo_t", "foo_t"}};
+  std::string elf = readelf::FixturePath(std::string(GetParam()) + ".elf");
+  for (const auto& [gdbName, ourName] : types) {
+    SCOPED_TRACE(gdbName);
+    auto expected = GdbPtypeOffsets(elf, gdbName);
+    ASSERT_FALSE(expected.empty());
+    ELF_SYM_HANDLE h = ELF_FindSym(QString::fromStdString(ourName), false, true, false);
+    ASSERT_NE(h, 0u);
+    if (ELF_GetSymMemberCount(h) == 0)
+      h = ELF_GetSymDataType(h);  // a typedef of an unnamed struct
+    std::vector<ELF_SYM_HANDLE> data;
+    for (U32 i = 0; i < ELF_GetSymMemberCount(h); i++) {
+      ELF_SYM_HANDLE m = ELF_GetSymMember(h, i);
+      if (ELF_GetSymMemberOffset(m) >= 0)
+        data.push_back(m);
+    }
+    ASSERT_EQ(data.size(), expected.size());
+    for (size_t i = 0; i < data.size(); i++) {
+      SCOPED_TRACE(expected[i].name);
+      EXPECT_EQ(ELF_GetSymName(data[i]).toStdString(), expected[i].name);
+      EXPECT_EQ(ELF_GetSymMemberOffset(data[i]) * 8LL + ELF_GetSymBitOffset(data[i]), expected[i].bitPos);
+      EXPECT_EQ((long long)ELF_GetSymSize(data[i]), expected[i].size);
+      EXPECT_EQ((long long)ELF_GetSymBitWidth(data[i]), expected[i].bitWidth);
+      EXPECT_EQ(ELF_GetSymMemberIdx(h, expected[i].name.c_str()) >= 0, true);
+    }
+    EXPECT_EQ(ELF_GetSymMemberIdx(h, "no_such_member"), -1);
+  }
+  if (!cpp) {
+    // "int [3][4]" from gdb: the dimensions, outermost first.
+    ELF_SYM_HANDLE h = ELF_FindSym("g_matrix", true, false, false);
+    ELF_ARRAY_INFO info = ELF_GetSymArrayInfo(h);
+    auto g = GdbGlobals(elf, {"g_matrix"});
+    ASSERT_EQ(g.size(), 1u);
+    std::vector<U32> dims;
+    std::regex reDim(R"(\[(\d+)\])");
+    for (auto it = std::sregex_iterator(g[0].type.begin(), g[0].type.end(), reDim);
+         it != std::sregex_iterator(); ++it)
+      dims.push_back((U32)std::stoul((*it)[1]));
+    ASSERT_EQ(info.dimCount, dims.size());
+    EXPECT_TRUE(std::equal(dims.begin(), dims.end(), info.dims));
+    EXPECT_EQ((long long)info.totalSize, g[0].size);
+    EXPECT_EQ((long long)(info.elemSize * info.elemCount), g[0].size);
+    EXPECT_EQ(ELF_GetSymArrayInfo(ELF_FindSym("g_origin", true, false, false)).dimCount, 0u);
   }
 }
 
