@@ -1,0 +1,104 @@
+// The device queue on a real gdbserver: QEMU reached through the IP interface, and QEMU killed under a
+// running target and under a download.
+#include <gtest/gtest.h>
+
+#include <thread>
+#include <vector>
+
+#include "device/Device.h"
+#include "device/DeviceEventListener.h"
+#include "device/DeviceEvents.h"
+#include "device/probe/ProbeCore.h"
+#include "device/probe/tests/QemuProcess.h"
+#include "device/tests/PumpUntil.h"
+
+namespace {
+
+struct LOSS_RECORDER : CDeviceEventListener {
+  QStringList Calls;
+  void OnDeviceConnectDone(CONNECT_MODES m) override { Calls << QString("ConnectDone %1").arg(m); }
+  void OnDeviceHaltDone(U32 PC, HALT_REASONS r) override {
+    Calls << QString("HaltDone 0x%1 %2").arg(PC, 0, 16).arg(r);
+  }
+  void OnDeviceConnectionLost() override { Calls << "ConnectionLost"; }
+};
+
+class QemuDevice : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (!_HasProgram("qemu-system-arm")) {
+      GTEST_SKIP() << "qemu-system-arm is not installed";
+    }
+    PROBE_ResetLayer();
+    SetTarvikApi(&TARVIK_GetProbeLayerApi());
+    ResetDeviceEventQueue();
+    pDevice = new CDevice();
+  }
+  void TearDown() override {
+    delete pDevice;
+    DispatchDeviceEvents(int(kEventRingSize));
+    PROBE_ResetLayer();
+    SetTarvikApi(nullptr);
+  }
+  // Attaches to the QEMU through the IP interface; the device names the chip QEMU emulates.
+  void Attach(const CQemu& Qemu) {
+    ASSERT_EQ(pDevice->ScheduleSetConfigParam(DCP_HOST_IF, kHostIFIP), 0);
+    ASSERT_EQ(pDevice->ScheduleSetConfigParam(DCP_HOST_NAME, Qemu.GetAddress().c_str()), 0);
+    ASSERT_EQ(pDevice->ScheduleSetConfigParam(DCP_DEVICE_NAME, "Simulator Cortex-M3"), 0);
+    ASSERT_EQ(pDevice->ScheduleConnect(CM_ATTACH_HALT), 0);
+    ASSERT_TRUE(PumpUntil([&] {
+      return Recorder.Calls.contains(QString("ConnectDone %1").arg(CM_ATTACH_HALT));
+    })) << Recorder.Calls.join("; ").toStdString();
+    ASSERT_TRUE(PumpUntil([&] { return pDevice->IsHaltCertain(); }));
+    Recorder.Calls.clear();
+  }
+
+  CDevice* pDevice = nullptr;
+  LOSS_RECORDER Recorder;
+};
+
+}  // namespace
+
+TEST_F(QemuDevice, ReadsTheVectorTableOfTheProgramQemuLoaded) {
+  CQemu Qemu("basic-O0");
+  Attach(Qemu);
+  std::vector<U8> Image = LoadFile(FixturePath("basic-O0", ".bin"));
+  ASSERT_GE(Image.size(), 8u);
+  U32 Word = 0;
+  ASSERT_EQ(pDevice->ReadWord(0, &Word), 0);
+  EXPECT_EQ(Word, U32(Image[0] | Image[1] << 8 | Image[2] << 16 | U32(Image[3]) << 24));
+  EXPECT_EQ(pDevice->GetPC(), U32(Image[4] | Image[5] << 8 | Image[6] << 16 | U32(Image[7]) << 24) & ~1u);
+}
+
+TEST_F(QemuDevice, KilledQemuIsAConnectionLossThatCancelsWhatWasQueued) {
+  struct CASE {
+    const char* sWhat;
+    bool Download;
+  } aCase[] = {{"while the target runs", false}, {"during a download", true}};
+  for (const CASE& c : aCase) {
+    SCOPED_TRACE(c.sWhat);
+    CQemu Qemu("basic-O0");
+    Attach(Qemu);
+    std::vector<U8> Block(256 * 1024, 0xA5);
+    if (c.Download) {
+      ASSERT_EQ(pDevice->ScheduleWriteMem(0x20000000, U32(Block.size()), Block.data(), 0x1000, 0,
+                                          CDevice::MEM_FLAG_DOWNLOAD),
+                0);
+    } else {
+      ASSERT_EQ(pDevice->ScheduleContinue(GO_USER), 0);
+      ASSERT_TRUE(PumpUntil([&] { return pDevice->IsRunning(); }));
+    }
+    for (U32 i = 0; i < 20; ++i) {
+      pDevice->ScheduleReadReg(i % 13);
+    }
+    Qemu.Kill();
+    ASSERT_TRUE(PumpUntil([&] { return Recorder.Calls.contains("ConnectionLost"); }, 15000))
+        << Recorder.Calls.join("; ").toStdString();
+    EXPECT_TRUE(PumpUntil([&] { return !pDevice->IsJobPending(JT_ANY); }));
+    DispatchDeviceEvents(100);
+    EXPECT_EQ(Recorder.Calls.count("ConnectionLost"), 1);
+    ASSERT_EQ(pDevice->ScheduleDisconnect(), 0);
+    ASSERT_TRUE(PumpUntil([&] { return !pDevice->IsConnected(); }));
+    Recorder.Calls.clear();
+  }
+}
