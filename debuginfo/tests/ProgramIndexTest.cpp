@@ -3,6 +3,8 @@
 // gdb-multiarch is installed, address to line against its answers on the same files.
 #include <gtest/gtest.h>
 
+#include <dwarf.h>
+
 #include <QFileInfo>
 #include <cstdio>
 #include <map>
@@ -663,6 +665,160 @@ TEST_P(ProgramIndexFixture, MemberOffsetsMatchGdb) {
     EXPECT_EQ((long long)info.totalSize, g[0].size);
     EXPECT_EQ((long long)(info.elemSize * info.elemCount), g[0].size);
     EXPECT_EQ(ELF_GetSymArrayInfo(ELF_FindSym("g_origin", true, false, false)).dimCount, 0u);
+  }
+}
+
+}  // namespace
+
+namespace {
+
+/*********************************************************************
+ * Locations
+ */
+
+// One-operation expressions have a place; a final DW_OP_stack_value makes the place the value;
+// anything longer (pieces, arithmetic) is unavailable rather than a guess.
+TEST(SymbolLocation, ExpressionsTranslateOrAreUnavailable) {
+  const I64 minus4 = -4;
+  const struct {
+    std::vector<DWA_LOC_OP> ops;
+    bool frameBase;
+    U32 kind;
+    const char* text;
+  } cases[] = {
+      {{{DW_OP_fbreg, (U64)minus4, 0, 0, 0}}, false, ELF_LOC_AT_BP, "[BP - 4]"},
+      {{{DW_OP_fbreg, 8, 0, 0, 0}}, false, ELF_LOC_AT_BP, "[BP + 8]"},
+      {{{DW_OP_fbreg, 0, 0, 0, 0}}, false, ELF_LOC_AT_BP, "[BP]"},
+      {{{DW_OP_addr, 0x20000010, 0, 0, 0}}, false, ELF_LOC_ADDR, "[20000010]"},
+      {{{DW_OP_reg3, 0, 0, 0, 0}}, false, ELF_LOC_REG, "R3"},
+      {{{DW_OP_regx, 12, 0, 0, 0}}, false, ELF_LOC_REG, "R12"},
+      {{{DW_OP_breg7, 8, 0, 0, 0}}, false, ELF_LOC_AT_REG, "[R7] + 8"},
+      {{{DW_OP_breg7, 8, 0, 0, 0}}, true, ELF_LOC_REG_VALUE, "R7 + 8"},
+      {{{DW_OP_bregx, 13, 0, 0, 0}}, true, ELF_LOC_REG_VALUE, "R13"},
+      {{{DW_OP_const1u, 5, 0, 0, 0}}, false, ELF_LOC_CONST, "const"},
+      {{{DW_OP_lit7, 0, 0, 0, 0}, {DW_OP_stack_value, 0, 0, 0, 1}}, false, ELF_LOC_STACK_VALUE, "N/A"},
+      {{{DW_OP_breg3, 4, 0, 0, 0}, {DW_OP_stack_value, 0, 0, 0, 2}}, false, ELF_LOC_STACK_VALUE, "N/A"},
+      {{{DW_OP_call_frame_cfa, 0, 0, 0, 0}}, true, ELF_LOC_CFA_VALUE, "CFA"},
+      // Several operations: the first alone would name a wrong place.
+      {{{DW_OP_addr, 0x20000010, 0, 0, 0}, {DW_OP_plus_uconst, 4, 0, 0, 5}}, false, ELF_LOC_NONE, "N/A"},
+      {{{DW_OP_reg0, 0, 0, 0, 0},
+        {DW_OP_piece, 4, 0, 0, 1},
+        {DW_OP_reg1, 0, 0, 0, 3},
+        {DW_OP_piece, 4, 0, 0, 4}},
+       false,
+       ELF_LOC_NONE,
+       "N/A"},
+      {{{DW_OP_breg13, 0, 0, 0, 0}, {DW_OP_lit2, 0, 0, 0, 2}, {DW_OP_mul, 0, 0, 0, 3}},
+       false,
+       ELF_LOC_NONE,
+       "N/A"},
+      {{{DW_OP_entry_value, 1, 0, 0, 0}, {DW_OP_stack_value, 0, 0, 0, 3}}, false, ELF_LOC_NONE, "N/A"},
+      {{{DW_OP_deref, 0, 0, 0, 0}}, false, ELF_LOC_NONE, "N/A"},
+      {{}, false, ELF_LOC_NONE, "N/A"},
+  };
+  for (const auto& c : cases) {
+    ELF_SYM_LOC loc = ELF_TranslateLocExpr(c.ops.data(), (U32)c.ops.size(), c.frameBase);
+    SCOPED_TRACE(c.text);
+    EXPECT_EQ(loc.kind, c.kind);
+    if (c.kind != ELF_LOC_STACK_VALUE) {
+      EXPECT_EQ(ELF_GetSymLocText(loc).toStdString(), c.text);
+    }
+  }
+}
+
+// Expected kind of one expression as readelf prints it ("DW_OP_breg3 (r3): 4; DW_OP_stack_value").
+U32 KindOfReadelfExpression(const std::string& sText) {
+  std::vector<std::string> ops;
+  std::regex reOp(R"((DW_OP_\w+))");
+  for (auto it = std::sregex_iterator(sText.begin(), sText.end(), reOp); it != std::sregex_iterator(); ++it)
+    ops.push_back((*it)[1]);
+  bool stackValue = ops.size() == 2 && ops[1] == "DW_OP_stack_value";
+  if (ops.empty() || (ops.size() > 1 && !stackValue) || sText.find("entry_value") != std::string::npos)
+    return ELF_LOC_NONE;
+  const std::string& op = ops[0];
+  U32 kind = ELF_LOC_NONE;
+  if (op.rfind("DW_OP_reg", 0) == 0)
+    kind = ELF_LOC_REG;
+  else if (op.rfind("DW_OP_breg", 0) == 0)
+    kind = ELF_LOC_AT_REG;
+  else if (op == "DW_OP_fbreg")
+    kind = ELF_LOC_AT_BP;
+  else if (op == "DW_OP_addr")
+    kind = ELF_LOC_ADDR;
+  else if (op.rfind("DW_OP_lit", 0) == 0 || op.rfind("DW_OP_const", 0) == 0)
+    kind = ELF_LOC_CONST;
+  if (kind != ELF_LOC_NONE && stackValue)
+    kind = ELF_LOC_STACK_VALUE;
+  return kind;
+}
+
+struct LocEntry {
+  uint32_t lo, hi;
+  std::string expression;
+};
+
+std::vector<LocEntry> RecordedLocList(const std::string& sFixture, uint64_t Offset) {
+  std::vector<LocEntry> entries;
+  char acStart[16];
+  snprintf(acStart, sizeof(acStart), "%08llx", (unsigned long long)Offset);
+  std::regex reLoc(R"(^\s+([0-9a-f]{8}) ([0-9a-f]{8}) \((.*)\)$)");
+  bool inList = false;
+  for (const std::string& line : readelf::ReadLines(readelf::FixturePath(sFixture + ".loc.txt"))) {
+    size_t first = line.find_first_not_of(' ');
+    if (!inList) {
+      if (first == std::string::npos || line.compare(first, 8, acStart) != 0)
+        continue;
+      inList = true;
+    }
+    if (line.find("<End of list>") != std::string::npos)
+      break;
+    std::smatch m;
+    if (line.find("(base address)") == std::string::npos && std::regex_match(line, m, reLoc))
+      entries.push_back(
+          {(uint32_t)std::stoul(m[1], nullptr, 16), (uint32_t)std::stoul(m[2], nullptr, 16), m[3]});
+  }
+  return entries;
+}
+
+// The optimised fixtures keep variables in location lists, many of them with multi-operation
+// expressions: at the start of each entry the location is the entry's, or unavailable.
+TEST_P(ProgramIndexFixture, LocationListsGiveTheEntryAtThePc) {
+  ELF_FILE* pFile = ELF_GetIndexedFile();
+  int entriesChecked = 0;
+  for (const auto& unit : readelf::ParseInfo(GetParam())) {
+    for (const auto& d : unit.Dies) {
+      auto attr = d.Attrs.find("DW_AT_location");
+      if (attr == d.Attrs.end() || attr->second.find("(location list)") == std::string::npos)
+        continue;
+      ELF_SYM_HANDLE h = ELF_MakeDwarfHandle(ELF_GetFileIndex(pFile), _MakeDieID(d.Offset, true));
+      auto entries = RecordedLocList(GetParam(), d.Number("DW_AT_location"));
+      for (const auto& e : entries) {
+        if (e.hi <= e.lo)
+          continue;
+        // The first entry that holds the pc wins; an empty entry holds only its own address.
+        const LocEntry* pWinner = nullptr;
+        for (const auto& w : entries) {
+          if ((w.lo <= e.lo && e.lo < w.hi) || (w.lo == w.hi && w.lo == e.lo)) {
+            pWinner = &w;
+            break;
+          }
+        }
+        ASSERT_NE(pWinner, nullptr);
+        SCOPED_TRACE(d.Name() + " at " + std::to_string(e.lo) + ": " + pWinner->expression);
+        EXPECT_EQ(ELF_GetSymLoc(h, e.lo).kind, KindOfReadelfExpression(pWinner->expression));
+        entriesChecked++;
+      }
+      // Behind the last entry the variable has no location.
+      if (!entries.empty()) {
+        uint32_t end = 0;
+        for (const auto& e : entries)
+          end = std::max(end, e.hi);
+        EXPECT_EQ(ELF_GetSymLoc(h, end + 0x1000).kind, ELF_LOC_NONE);
+      }
+    }
+  }
+  if (std::string(GetParam()).find("O2") != std::string::npos) {
+    EXPECT_GT(entriesChecked, 0);
   }
 }
 
