@@ -127,6 +127,9 @@ struct CIndexState {
   std::vector<std::pair<U32, U32>> execSections;  // [start, end) of executable sections
 
   CNameIndex debugSymsByName, typesByName, namespacesByName;
+  U32 contextPc = 0;
+  ELF_SYM_HANDLE contextFunc = 0;
+  ELF_SYM_LIST localVars;
   std::unordered_map<ELF_SYM_HANDLE, QString> nameCache, qualifiedNameCache;
 };
 
@@ -1237,4 +1240,101 @@ QString ELF_GetSymLocText(const ELF_SYM_LOC& Loc) {
     default:
       return "N/A";
   }
+}
+
+/*********************************************************************
+ * Context PC and locals
+ */
+
+void ELF_SetContextPC(U32 Pc) {
+  std::lock_guard lock(ELF_GetIndexMutex());
+  CIndexState& s = _S();
+  s.contextPc = Pc;
+  ELF_SYM_HANDLE func = ELF_GetFuncAt(Pc, false);
+  if (func == s.contextFunc)
+    return;
+  s.contextFunc = func;
+  s.localVars.clear();
+  ELF_FILE* pFile = nullptr;
+  if (!func || !_IsDwarfSymbolHandle(func) || !_GetFile(func, &pFile))
+    return;
+  U32 n = ELF_GetScopeListCount(pFile, func, ELF_SCOPE_LOCAL_VARS);
+  for (U32 i = 0; i < n; i++) {
+    ELF_SYM_HANDLE h = ELF_GetScopeListHandle(pFile, func, ELF_SCOPE_LOCAL_VARS, i);
+    if (h)
+      s.localVars.push_back(h);
+  }
+}
+
+U32 ELF_GetContextPC() {
+  std::lock_guard lock(ELF_GetIndexMutex());
+  return _S().contextPc;
+}
+
+ELF_SYM_HANDLE ELF_GetContextFunc() {
+  std::lock_guard lock(ELF_GetIndexMutex());
+  return _S().contextFunc;
+}
+
+ELF_SYM_LIST ELF_GetLocalVars(bool All) {
+  std::lock_guard lock(ELF_GetIndexMutex());
+  CIndexState& s = _S();
+  if (All)
+    return s.localVars;
+  ELF_SYM_LIST present;
+  for (ELF_SYM_HANDLE h : s.localVars) {
+    if (ELF_GetSymLoc(h, s.contextPc).kind != ELF_LOC_NONE)
+      present.push_back(h);
+  }
+  return present;
+}
+
+ELF_SYM_LIST ELF_FindLocalsByName(const QString& sName) {
+  std::lock_guard lock(ELF_GetIndexMutex());
+  CIndexState& s = _S();
+  ELF_SYM_LIST hits;
+  if (sName == "this") {
+    ELF_FILE* pFile = nullptr;
+    ELF_DIE die = nullptr;
+    if (_GetDwarfSymContext(s.contextFunc, &pFile, &die)) {
+      ELF_DIE object = _GetReferenceDie(pFile, die, DW_AT_object_pointer);
+      if (object)
+        hits.push_back(_GetDwarfSymHandle(pFile, object));
+    }
+    return hits;
+  }
+  for (ELF_SYM_HANDLE h : s.localVars) {
+    if (ELF_GetSymName(h) == sName)
+      hits.push_back(h);
+  }
+  return hits;
+}
+
+U8 ELF_IsInScope(ELF_SYM_HANDLE h, U32 Pc) {
+  std::lock_guard lock(ELF_GetIndexMutex());
+  ELF_FILE* pFile = nullptr;
+  ELF_DIE die = nullptr;
+  if (!_GetDwarfSymContext(h, &pFile, &die))
+    return 255;
+  ELF_DIE func = _GetDieParentFunc(pFile, die);
+  if (!func)
+    return 255;
+  CAddrRange r = ELF_GetFuncRange(_GetDwarfSymHandle(pFile, func));
+  if (r.IsEmpty())
+    return 255;
+  U32 pc = Pc == kNone ? _S().contextPc : Pc;
+  return pc >= r.start && pc < r.End() ? 1 : 0;
+}
+
+ELF_SYM_HANDLE ELF_FindSymInContext(const QString& sName) {
+  std::lock_guard lock(ELF_GetIndexMutex());
+  ELF_SYM_LIST locals = ELF_FindLocalsByName(sName);
+  ELF_SYM_HANDLE outOfScope = 0;
+  for (auto it = locals.rbegin(); it != locals.rend(); ++it) {
+    if (ELF_IsInScope(*it, kNone) != 0)
+      return *it;
+    outOfScope = outOfScope ? outOfScope : *it;
+  }
+  ELF_SYM_HANDLE h = ELF_FindSym(sName, true, true, true);
+  return h ? h : outOfScope;
 }

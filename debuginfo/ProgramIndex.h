@@ -172,6 +172,21 @@ ELF_SYM_LIST ELF_FindSyms(const QString& sName, bool DebugSyms, bool Types, bool
 ELF_SYM_HANDLE ELF_FindSym(const QString& sName, bool DebugSyms, bool Types, bool Namespaces);
 const ELF_SYM_LIST& ELF_GetGlobals();
 
+// The context of local look-ups: the PC of the selected frame. A new function at the PC changes the
+// local variables (parameters and variables of all its blocks); the same function keeps them.
+void ELF_SetContextPC(U32 Pc);
+U32 ELF_GetContextPC();
+ELF_SYM_HANDLE ELF_GetContextFunc();
+// The locals of the context function; with All false only those that have a location at the PC.
+ELF_SYM_LIST ELF_GetLocalVars(bool All);
+// Locals by name; "this" is the object pointer of the context function.
+ELF_SYM_LIST ELF_FindLocalsByName(const QString& sName);
+// 1 if the function the symbol belongs to holds Pc (-1: the context PC), 0 if not, 255 when there
+// is no verdict (a global, or a function without code).
+U8 ELF_IsInScope(ELF_SYM_HANDLE h, U32 Pc);
+// Locals first (those in scope at the context PC in front), then debug symbols, types, namespaces.
+ELF_SYM_HANDLE ELF_FindSymInContext(const QString& sName);
+
 // Facts about one symbol, cached by handle. Addresses are run addresses; -1 for none.
 QString ELF_GetSymName(ELF_SYM_HANDLE h);
 // The handle of the symbol's type (DW_AT_type), 0 if none; the type text in the tree's notation.

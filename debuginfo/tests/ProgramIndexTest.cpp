@@ -823,3 +823,116 @@ TEST_P(ProgramIndexFixture, LocationListsGiveTheEntryAtThePc) {
 }
 
 }  // namespace
+
+namespace {
+
+/*********************************************************************
+ * Context PC and locals
+ */
+
+// At the first instruction of each function, the locals are the parameters and variables of all
+// its blocks (readelf's DIEs whose nearest enclosing function is that one), each in scope there
+// and out of scope in any other function.
+TEST_P(ProgramIndexFixture, LocalsFollowTheContextPc) {
+  // Compile units only: .debug_types units reuse the offsets of .debug_info and hold no code.
+  std::map<uint64_t, readelf::Die> dies;
+  std::set<uint32_t> inlineStarts;
+  for (const auto& unit : readelf::ParseInfo(GetParam())) {
+    if (unit.Dies.empty() || unit.Dies.front().Tag != "DW_TAG_compile_unit")
+      continue;
+    for (const auto& d : unit.Dies) {
+      dies[d.Offset] = d;
+      if (d.Tag == "DW_TAG_inlined_subroutine")
+        inlineStarts.insert((uint32_t)d.Number(d.Has("DW_AT_entry_pc") ? "DW_AT_entry_pc" : "DW_AT_low_pc"));
+    }
+  }
+  auto enclosingFunction = [&](const readelf::Die& d) -> uint64_t {
+    for (uint64_t p = d.Parent; p; p = dies[p].Parent) {
+      if (dies[p].Tag == "DW_TAG_subprogram" || dies[p].Tag == "DW_TAG_inlined_subroutine")
+        return p;
+    }
+    return 0;
+  };
+  std::map<std::string, uint32_t> starts;  // plain function names of the symbol table
+  for (const auto& sym : readelf::ParseSymbols(GetParam())) {
+    if (sym.Type == "FUNC" && sym.Size && sym.Name.rfind("_Z", 0) != 0)
+      starts[sym.Name] = sym.Value & ~1u;
+  }
+  int functionsChecked = 0;
+  for (const auto& [offset, f] : dies) {
+    if (f.Tag != "DW_TAG_subprogram" || !f.Has("DW_AT_low_pc") || !starts.count(f.Name()) ||
+        starts[f.Name()] != (uint32_t)f.Number("DW_AT_low_pc"))
+      continue;
+    // A function that begins with inlined code has the inline copy's locals at its first address.
+    if (inlineStarts.count(starts[f.Name()]))
+      continue;
+    SCOPED_TRACE(f.Name());
+    std::multiset<std::string> expected, got;
+    for (const auto& [o, d] : dies) {
+      if ((d.Tag == "DW_TAG_variable" || d.Tag == "DW_TAG_formal_parameter") && !d.Has("DW_AT_declaration") &&
+          enclosingFunction(d) == offset)
+        expected.insert(d.Name());
+    }
+    uint32_t start = starts[f.Name()];
+    ELF_SetContextPC(start);
+    ASSERT_NE(ELF_GetContextFunc(), 0u);
+    EXPECT_EQ(ELF_GetSymName(ELF_GetContextFunc()).toStdString(), f.Name());
+    for (ELF_SYM_HANDLE h : ELF_GetLocalVars(true))
+      got.insert(ELF_GetSymName(h).toStdString());
+    EXPECT_EQ(got, expected);
+    uint32_t elsewhere = start == starts.begin()->second ? starts.rbegin()->second : starts.begin()->second;
+    for (const auto& name : expected) {
+      if (name.empty())
+        continue;
+      ELF_SYM_LIST hits = ELF_FindLocalsByName(QString::fromStdString(name));
+      ASSERT_FALSE(hits.empty()) << name;
+      EXPECT_EQ(ELF_IsInScope(hits.front(), 0xFFFFFFFF), 1) << name;
+      EXPECT_EQ(ELF_IsInScope(hits.front(), elsewhere), 0) << name;
+      EXPECT_EQ(ELF_FindSymInContext(QString::fromStdString(name)), hits.back()) << name;
+    }
+    functionsChecked++;
+  }
+  EXPECT_GT(functionsChecked, 0);
+  EXPECT_EQ(ELF_IsInScope(ELF_FindSym("main", true, false, false), 0xFFFFFFFF), 255);
+  ELF_SetContextPC(0);
+  EXPECT_EQ(ELF_GetContextFunc(), 0u);
+  EXPECT_TRUE(ELF_GetLocalVars(true).empty());
+}
+
+}  // namespace
+
+namespace {
+
+// Inlined code: the innermost function at an inline copy's entry is the copy (named after its
+// abstract origin), the outermost the function it was inlined into.
+TEST_P(ProgramIndexFixture, InlineCopiesAreInnermostAtTheirEntry) {
+  std::map<uint64_t, readelf::Die> dies;
+  for (const auto& unit : readelf::ParseInfo(GetParam())) {
+    if (!unit.Dies.empty() && unit.Dies.front().Tag == "DW_TAG_compile_unit") {
+      for (const auto& d : unit.Dies)
+        dies[d.Offset] = d;
+    }
+  }
+  int checked = 0;
+  for (const auto& [offset, d] : dies) {
+    if (d.Tag != "DW_TAG_inlined_subroutine" || !d.Has("DW_AT_abstract_origin"))
+      continue;
+    uint32_t entry = (uint32_t)d.Number(d.Has("DW_AT_entry_pc") ? "DW_AT_entry_pc" : "DW_AT_low_pc");
+    if (!entry)
+      continue;
+    uint64_t outer = d.Parent;
+    while (outer && dies[outer].Tag != "DW_TAG_subprogram")
+      outer = dies[outer].Parent;
+    SCOPED_TRACE(d.Name() + " in " + dies[outer].Name());
+    ELF_SYM_HANDLE inner = ELF_GetFuncAt(entry, false);
+    ASSERT_NE(inner, 0u);
+    EXPECT_EQ(ELF_GetSymName(inner).toStdString(), dies[d.Number("DW_AT_abstract_origin")].Name());
+    EXPECT_EQ(ELF_GetSymName(ELF_GetFuncAt(entry, true)).toStdString(), dies[outer].Name());
+    checked++;
+  }
+  if (std::string(GetParam()).find("O2") != std::string::npos) {
+    EXPECT_GT(checked, 0);
+  }
+}
+
+}  // namespace
