@@ -15,10 +15,10 @@ const char* const kOpNames[] = {
 
 template <int Op>
 struct _MemberOf;
-#define MOCK_MEMBER_OF(Ret, Name, Params)              \
-  template <>                                          \
-  struct _MemberOf<MOCK_OP_##Name> {                   \
-    static constexpr auto pMember = &TARVIK_API::Name; \
+#define MOCK_MEMBER_OF(Ret, Name, Params)                               \
+  template <>                                                           \
+  struct _MemberOf<MOCK_OP_##Name> {                                    \
+    [[maybe_unused]] static constexpr auto pMember = &TARVIK_API::Name; \
   };
 TARVIK_API_LIST(MOCK_MEMBER_OF)
 #undef MOCK_MEMBER_OF
