@@ -97,12 +97,36 @@ TEST(GdbSimServer, GdbMultiarchDebugsTheSimulatedProgram) {
   CProcess Server({kServerPath, "--port", "0", "--once", "--image", FixturePath("basic-O0", ".bin")});
   std::string sAddress = _StartServer(Server);
   ASSERT_FALSE(sAddress.empty());
-  CProcess Gdb({"gdb-multiarch", "-batch", "-nx", "-ex", "target remote " + sAddress, "-ex", "break Square",
-                "-ex", "continue", "-ex", "bt", "-ex", "info args", "-ex", "x/4xw 0", "-ex", "detach",
+  CProcess Gdb({"gdb-multiarch",
+                "-batch",
+                "-nx",
+                "-ex",
+                "target remote " + sAddress,
+                "-ex",
+                "break main",
+                "-ex",
+                "break Square",
+                "-ex",
+                "continue",
+                "-ex",
+                "info locals",
+                "-ex",
+                "continue",
+                "-ex",
+                "bt",
+                "-ex",
+                "info args",
+                "-ex",
+                "x/4xw 0",
+                "-ex",
+                "detach",
                 FixturePath("basic-O0", ".elf")});
   std::string sOut = Gdb.ReadUntil("detached", 20000);
+  // main's one local: its value before the loop starts is whatever the stack held.
+  EXPECT_NE(sOut.find("Breakpoint 1, main ()"), std::string::npos) << sOut;
+  EXPECT_NE(sOut.find("Round = "), std::string::npos) << sOut;
   // main calls SumOfSquares(10), which calls Square(1) first (fixtures/basic.c).
-  EXPECT_NE(sOut.find("Breakpoint 1, Square (x=1)"), std::string::npos) << sOut;
+  EXPECT_NE(sOut.find("Breakpoint 2, Square (x=1)"), std::string::npos) << sOut;
   EXPECT_NE(sOut.find("#1  0x"), std::string::npos) << sOut;
   EXPECT_NE(sOut.find("in SumOfSquares (n=10)"), std::string::npos) << sOut;
   EXPECT_NE(sOut.find("#2  0x"), std::string::npos) << sOut;
