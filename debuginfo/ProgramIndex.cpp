@@ -276,20 +276,22 @@ U32 _AddDwarfFile(CIndexState& s, const char* sName) {
 // Functions. A DWARF function that the linker dropped keeps address 0 in its unit; it counts only
 // if the symbol table has a function of that name at 0, so such leftovers never hide real code at
 // address 0.
-bool _ElfFunctionAtZero(ELF_FILE* pFile, const QString& sName) {
+std::unordered_set<QString> _ElfFunctionNamesAtZero(ELF_FILE* pFile) {
+  std::unordered_set<QString> names;
   for (U32 n = 0; n < ELF_GetFuncSymCount(pFile); n++) {
     int i = ELF_GetFuncSymIdx(pFile, n);
     const ELF_SYM* pSym = ELF_GetSym(pFile, (U32)i);
-    if (pSym && (pSym->st_value & ~1u) == 0 && sName == QString::fromUtf8(ELF_GetSymName(pFile, (U32)i)))
-      return true;
+    if (pSym && (pSym->st_value & ~1u) == 0)
+      names.insert(QString::fromUtf8(ELF_GetSymName(pFile, (U32)i)));
   }
-  return false;
+  return names;
 }
 
 void _BuildFunctions(CIndexState& s, std::unordered_set<U64>* pUnitsAtZero) {
   ELF_FILE* pFile = s.pFile;
   std::unordered_map<U32, std::pair<ELF_SYM_HANDLE, U32>> byStart;  // start -> function, size
   std::vector<U32> starts;
+  std::unordered_set<QString> namesAtZero = _ElfFunctionNamesAtZero(pFile);
   auto consider = [&](ELF_SYM_HANDLE h, CAddrRange r) {
     auto [it, fresh] = byStart.try_emplace(r.start, h, r.size);
     if (fresh)
@@ -300,7 +302,7 @@ void _BuildFunctions(CIndexState& s, std::unordered_set<U64>* pUnitsAtZero) {
   for (ELF_SYM_HANDLE h : s.functions) {
     bool atZero = false;
     CAddrRange r = _ComputeDwarfRange(h, &atZero);
-    if (atZero && !_ElfFunctionAtZero(pFile, ELF_GetSymName(h)))
+    if (atZero && !namesAtZero.count(ELF_GetSymName(h)))
       r = CAddrRange{};
     s.funcRangeCache[h] = r;
     bool hasInlineCode = false;
@@ -1180,11 +1182,45 @@ U32 ELF_GetSymSize(ELF_SYM_HANDLE h) {
   ELF_DIE die = nullptr;
   if (!_GetDwarfSymContext(h, &pFile, &die))
     return 0;
-  U32 size = ELF_GetDieSizeRecursive(pFile, die);
-  if (size)
-    return size;
-  CAddrRange r = ELF_GetFuncRange(h);
-  return r.size;
+  // A function's size is its code, not its return type.
+  if (ELF_IsFunction(h))
+    return ELF_GetFuncRange(h).size;
+  return ELF_GetDieSizeRecursive(pFile, die);
+}
+
+CSrcLoc ELF_GetSymDeclLoc(ELF_SYM_HANDLE h) {
+  std::lock_guard lock(ELF_GetIndexMutex());
+  ELF_FILE* pFile = nullptr;
+  ELF_DIE die = nullptr;
+  if (!_GetDwarfSymContext(h, &pFile, &die))
+    return CSrcLoc{};
+  // Declaration facts live on the declaration or the abstract origin as often as on the DIE.
+  DWA_VALUE v;
+  I64 line = _CreateDieAttrEx(pFile, die, DW_AT_decl_line, &v, 0) ? (I64)v.u : -1;
+  QString file = QString::fromUtf8(_GetDieDeclFileName(pFile, die));
+  for (int depth = 0; file.isEmpty() && depth < 5; depth++) {
+    ELF_DIE next = _GetReferenceDie(pFile, die, DW_AT_abstract_origin);
+    if (!next)
+      next = _GetReferenceDie(pFile, die, DW_AT_specification);
+    if (!next || next == die)
+      break;
+    die = next;
+    file = QString::fromUtf8(_GetDieDeclFileName(pFile, die));
+  }
+  U32 addr = ELF_GetSymAddr(h);
+  CSrcLoc atAddr = addr != kNone ? ELF_GetFirstSrcLoc(addr) : CSrcLoc{};
+  if (line < 0 || line > 0xFFFFFFFFll) {
+    if (!atAddr.IsValid() || atAddr.line == 0)
+      return CSrcLoc{};
+    line = atAddr.line - 1;
+  }
+  // A header named only by declarations gets its identifier here, the first time it is asked for.
+  U32 id = !file.isEmpty()    ? _AddDwarfFile(_S(), file.toUtf8().constData())
+           : atAddr.IsValid() ? atAddr.file
+                              : kNone;
+  if (id == kNone)
+    return CSrcLoc{};
+  return CSrcLoc{id, (U32)line, 0};
 }
 
 QString ELF_GetSymLocText(const ELF_SYM_LOC& Loc) {

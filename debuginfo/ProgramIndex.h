@@ -195,5 +195,8 @@ QString ELF_GetSymDataTypeName(ELF_SYM_HANDLE h);
 ELF_SYM_LOC ELF_GetSymLoc(ELF_SYM_HANDLE h, U32 Pc);
 U32 ELF_GetSymAddr(ELF_SYM_HANDLE h);
 U32 ELF_GetSymSize(ELF_SYM_HANDLE h);
+// Where the symbol is declared: DW_AT_decl_file and DW_AT_decl_line (through its declaration or
+// abstract origin); without a line, the line before the one at its address. Invalid if unknown.
+CSrcLoc ELF_GetSymDeclLoc(ELF_SYM_HANDLE h);
 // "N/A", "const", "[8000100]", "R3", "[BP - 4]", ... for logs and the call stack's debug view.
 QString ELF_GetSymLocText(const ELF_SYM_LOC& Loc);

@@ -936,3 +936,64 @@ TEST_P(ProgramIndexFixture, InlineCopiesAreInnermostAtTheirEntry) {
 }
 
 }  // namespace
+
+namespace {
+
+// Declarations: the line readelf records for each global and function, in the file of its unit
+// (the fixtures declare everything in the unit's own source file).
+TEST_P(ProgramIndexFixture, DeclarationLocationsMatchReadelf) {
+  int checked = 0;
+  for (const auto& unit : readelf::ParseInfo(GetParam())) {
+    if (unit.Dies.empty() || unit.Dies.front().Tag != "DW_TAG_compile_unit")
+      continue;
+    std::string unitFile =
+        QFileInfo(QString::fromStdString(unit.Dies.front().Name())).fileName().toStdString();
+    for (const auto& d : unit.Dies) {
+      bool global = d.Tag == "DW_TAG_variable" && d.Level == 1 && d.Has("DW_AT_location");
+      bool function = d.Tag == "DW_TAG_subprogram" && d.Has("DW_AT_low_pc") && d.Number("DW_AT_low_pc") != 0;
+      if ((!global && !function) || !d.Has("DW_AT_decl_line"))
+        continue;
+      SCOPED_TRACE(d.Name());
+      ELF_FILE* pFile = ELF_GetIndexedFile();
+      CSrcLoc loc =
+          ELF_GetSymDeclLoc(ELF_MakeDwarfHandle(ELF_GetFileIndex(pFile), _MakeDieID(d.Offset, true)));
+      ASSERT_TRUE(loc.IsValid());
+      EXPECT_EQ(loc.line, d.Number("DW_AT_decl_line"));
+      EXPECT_EQ(BaseNameOf(loc.file), unitFile);
+      checked++;
+    }
+  }
+  EXPECT_GT(checked, 0);
+  EXPECT_FALSE(ELF_GetSymDeclLoc(0).IsValid());
+}
+
+// Without DWARF the symbol table still names functions and data: by address and by name, with
+// the symbol's own range; no address has a line.
+TEST(ProgramIndex, ProgramWithoutDebugInformationAnswersFromSymbols) {
+  ASSERT_EQ(ELF_Init(readelf::FixturePath("nodebug_O0.elf").c_str()), 0);
+  EXPECT_TRUE(ELF_GetFileIds().empty());
+  int checked = 0;
+  for (const auto& sym : readelf::ParseSymbols("nodebug_O0")) {
+    if ((sym.Type != "FUNC" && sym.Type != "OBJECT") || sym.Size == 0)
+      continue;
+    SCOPED_TRACE(sym.Name);
+    ELF_SYM_HANDLE h = ELF_FindSym(QString::fromStdString(sym.Name), true, false, false);
+    ASSERT_NE(h, 0u);
+    EXPECT_TRUE(_IsElfSymbolHandle(h));
+    EXPECT_EQ(ELF_GetSymSize(h), sym.Size);
+    if (sym.Type == "FUNC") {
+      uint32_t start = sym.Value & ~1u;
+      EXPECT_EQ(ELF_GetFuncAt(start + sym.Size - 2, true), h);
+      EXPECT_EQ(ELF_GetSymAddr(h), start);
+      EXPECT_TRUE(ELF_GetSrcLocs(start).empty());
+    } else {
+      EXPECT_EQ(ELF_GetSymLoc(h, 0).kind, ELF_LOC_ADDR);
+      EXPECT_EQ(ELF_GetSymAddr(h), sym.Value);
+    }
+    checked++;
+  }
+  EXPECT_GT(checked, 0);
+  ELF_Deinit();
+}
+
+}  // namespace
