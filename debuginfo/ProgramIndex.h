@@ -198,5 +198,22 @@ U32 ELF_GetSymSize(ELF_SYM_HANDLE h);
 // Where the symbol is declared: DW_AT_decl_file and DW_AT_decl_line (through its declaration or
 // abstract origin); without a line, the line before the one at its address. Invalid if unknown.
 CSrcLoc ELF_GetSymDeclLoc(ELF_SYM_HANDLE h);
+// Every symbol at exactly this address: the locals of the context function located there, then
+// debug symbols (globals, functions starting there), then symbol table entries, ordered as
+// ELF_FindSyms orders its hits.
+ELF_SYM_LIST ELF_GetSymsAtAddr(U32 Addr);
+// Access of a member: 1 public, 2 protected, 3 private, 0 for a symbol that is no member.
+U32 ELF_GetSymAccessibility(ELF_SYM_HANDLE h);
+// The enclosing function, type or namespace of a DWARF symbol; 0 if none.
+ELF_SYM_HANDLE ELF_GetSymParentFunc(ELF_SYM_HANDLE h);
+ELF_SYM_HANDLE ELF_GetSymParentType(ELF_SYM_HANDLE h);
+ELF_SYM_HANDLE ELF_GetSymParentNamespace(ELF_SYM_HANDLE h);
+
+// Facts of the loaded program file, under the lock.
+U32 ELF_GetEntryPointPC();
+bool ELF_GetBigEndian();
+ELF_SRC_LANG ELF_GetSrcLanguage();
+QString ELF_GetFileName();
+
 // "N/A", "const", "[8000100]", "R3", "[BP - 4]", ... for logs and the call stack's debug view.
 QString ELF_GetSymLocText(const ELF_SYM_LOC& Loc);

@@ -425,3 +425,110 @@ ELF_SYM_HANDLE ELF_FindSymInContext(const QString& sName) {
   ELF_SYM_HANDLE h = ELF_FindSym(sName, true, true, true);
   return h ? h : outOfScope;
 }
+
+/*********************************************************************
+ * Symbols at an address, members, parents
+ */
+
+ELF_SYM_LIST ELF_GetSymsAtAddr(U32 Addr) {
+  std::lock_guard lock(ELF_GetIndexMutex());
+  CIndexState& s = _IndexState();
+  if (!s.loaded || Addr == kNone)
+    return {};
+  if (!s.debugSymsAtAddrBuilt) {
+    s.debugSymsAtAddrBuilt = true;
+    for (const ELF_SYM_LIST* pList : {&s.functions, &s.globalVars}) {
+      for (ELF_SYM_HANDLE h : *pList) {
+        U32 a = ELF_GetSymAddr(h);
+        if (a != kNone)
+          s.debugSymsAtAddr.emplace(a, h);
+      }
+    }
+  }
+  ELF_SYM_LIST hits;
+  for (ELF_SYM_HANDLE h : s.localVars) {
+    ELF_SYM_LOC loc = ELF_GetSymLoc(h, s.contextPc);
+    if ((loc.kind == ELF_LOC_ADDR && loc.addr == Addr) ||
+        (loc.kind == ELF_LOC_ADDR_OFFSET && loc.addr + (U32)loc.offset == Addr))
+      hits.push_back(h);
+  }
+  auto range = s.debugSymsAtAddr.equal_range(Addr);
+  ELF_SYM_LIST debug;
+  for (auto it = range.first; it != range.second; ++it)
+    debug.push_back(it->second);
+  std::sort(debug.begin(), debug.end());
+  hits.insert(hits.end(), debug.begin(), debug.end());
+  for (U32 i = 0; i < ELF_GetSymCount(s.pFile); i++) {
+    const ELF_SYM* pSym = ELF_GetSym(s.pFile, i);
+    U32 type = pSym ? pSym->st_info & 15 : 0;
+    if (!pSym || pSym->st_shndx == 0 ||
+        (type != ELF_STT_FUNC && type != ELF_STT_ARM_TFUNC && type != ELF_STT_OBJECT))
+      continue;
+    U32 value = type == ELF_STT_OBJECT ? pSym->st_value : pSym->st_value & ~1u;
+    if (ELF_ApplyRelocation(value, false) == Addr)
+      hits.push_back(ELF_GetSymHandle(s.pFile, i));
+  }
+  return _Reorder(hits);
+}
+
+U32 ELF_GetSymAccessibility(ELF_SYM_HANDLE h) {
+  std::lock_guard lock(ELF_GetIndexMutex());
+  ELF_FILE* pFile = nullptr;
+  ELF_DIE die = nullptr;
+  if (!_GetDwarfSymContext(h, &pFile, &die))
+    return 0;
+  DWA_VALUE v;
+  if (_CreateDieAttrEx(pFile, die, DW_AT_accessibility, &v, 0) && v.u >= 1 && v.u <= 3)
+    return (U32)v.u;
+  // Without the attribute the default of the enclosing type applies.
+  ELF_DIE parent = _GetParentDie(pFile, die);
+  U16 tag = parent ? _GetDieType(pFile, parent) : (U16)ELF_TAG_NONE;
+  if (tag == ELF_TAG_STRUCTURE || tag == ELF_TAG_UNION)
+    return 1;
+  return tag == ELF_TAG_CLASS ? 3 : 0;
+}
+
+static ELF_SYM_HANDLE _ParentHandle(ELF_SYM_HANDLE h, ELF_DIE (*pfParent)(ELF_FILE*, ELF_DIE)) {
+  std::lock_guard lock(ELF_GetIndexMutex());
+  ELF_FILE* pFile = nullptr;
+  ELF_DIE die = nullptr;
+  if (!_GetDwarfSymContext(h, &pFile, &die))
+    return 0;
+  return _GetDwarfSymHandle(pFile, pfParent(pFile, die));
+}
+
+ELF_SYM_HANDLE ELF_GetSymParentFunc(ELF_SYM_HANDLE h) {
+  return _ParentHandle(h, _GetDieParentFunc);
+}
+
+ELF_SYM_HANDLE ELF_GetSymParentType(ELF_SYM_HANDLE h) {
+  return _ParentHandle(h, _GetDieParentType);
+}
+
+ELF_SYM_HANDLE ELF_GetSymParentNamespace(ELF_SYM_HANDLE h) {
+  return _ParentHandle(h, _GetDieParentNamespace);
+}
+
+U32 ELF_GetEntryPointPC() {
+  std::lock_guard lock(ELF_GetIndexMutex());
+  ELF_FILE* pFile = ELF_GetIndexedFile();
+  return pFile ? ELF_ApplyRelocation(ELF_GetEntryPoint(pFile) & ~1u, false) : kNone;
+}
+
+bool ELF_GetBigEndian() {
+  std::lock_guard lock(ELF_GetIndexMutex());
+  ELF_FILE* pFile = ELF_GetIndexedFile();
+  ELF_DATA_ENCODING e = pFile ? ELF_GetDataEncoding(pFile) : ELF_ENC_LITTLE;
+  return e == ELF_ENC_BIG || e == ELF_ENC_ARM_BE8 || e == ELF_ENC_ARM_BE32;
+}
+
+ELF_SRC_LANG ELF_GetSrcLanguage() {
+  std::lock_guard lock(ELF_GetIndexMutex());
+  ELF_FILE* pFile = ELF_GetIndexedFile();
+  return pFile ? pFile->dwarf.srcLanguage : ELF_SRC_LANG_UNKNOWN;
+}
+
+QString ELF_GetFileName() {
+  std::lock_guard lock(ELF_GetIndexMutex());
+  return _IndexState().loaded ? _IndexState().sPath : QString();
+}

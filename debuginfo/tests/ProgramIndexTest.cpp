@@ -571,6 +571,7 @@ struct GdbMember {
   long long bitPos;  // offset * 8 + bit
   long long size;
   long long bitWidth;
+  unsigned access;  // 1 public, 2 protected, 3 private: the label above, or the default of the type
 };
 
 // The data members of "ptype/o TYPE" (methods, access labels and padding notes left out).
@@ -583,6 +584,8 @@ std::vector<GdbMember> GdbPtypeOffsets(const std::string& sElf, const std::strin
   std::regex reStruct(R"(^/\*\s+(\d+)(?::\s*(\d+))?\s+\|\s+(\d+) \*/\s+(.*);$)");
   std::regex reUnion(R"(^/\*\s+(\d+) \*/\s+(.*);$)");
   std::regex reDecl(R"(([A-Za-z_]\w*)(\[\d+\])*(?: : (\d+))?$)");
+  std::regex reLabel(R"(^\s+(public|protected|private):$)");
+  unsigned access = 1;
   char ac[1024];
   while (fgets(ac, sizeof(ac), p)) {
     std::string line(ac);
@@ -591,6 +594,12 @@ std::vector<GdbMember> GdbPtypeOffsets(const std::string& sElf, const std::strin
     std::smatch m, d;
     long long bitPos = 0, size = 0;
     std::string decl;
+    if (line.find("type = class ") != std::string::npos)
+      access = 3;
+    if (std::regex_match(line, m, reLabel)) {
+      access = m[1] == "public" ? 1 : m[1] == "protected" ? 2 : 3;
+      continue;
+    }
     if (std::regex_match(line, m, reStruct)) {
       bitPos = std::stoll(m[1]) * 8 + (m[2].matched ? std::stoll(m[2]) : 0);
       size = std::stoll(m[3]);
@@ -603,7 +612,7 @@ std::vector<GdbMember> GdbPtypeOffsets(const std::string& sElf, const std::strin
     }
     if (decl.find('(') != std::string::npos || !std::regex_search(decl, d, reDecl))
       continue;
-    members.push_back({d[1], bitPos, size, d[3].matched ? std::stoll(d[3]) : 0});
+    members.push_back({d[1], bitPos, size, d[3].matched ? std::stoll(d[3]) : 0, access});
   }
   pclose(p);
   return members;
@@ -645,6 +654,8 @@ TEST_P(ProgramIndexFixture, MemberOffsetsMatchGdb) {
       EXPECT_EQ(ELF_GetSymMemberOffset(data[i]) * 8LL + ELF_GetSymBitOffset(data[i]), expected[i].bitPos);
       EXPECT_EQ((long long)ELF_GetSymSize(data[i]), expected[i].size);
       EXPECT_EQ((long long)ELF_GetSymBitWidth(data[i]), expected[i].bitWidth);
+      EXPECT_EQ(ELF_GetSymAccessibility(data[i]), expected[i].access);
+      EXPECT_EQ(ELF_GetSymParentType(data[i]), h);
       EXPECT_EQ(ELF_GetSymMemberIdx(h, expected[i].name.c_str()) >= 0, true);
     }
     EXPECT_EQ(ELF_GetSymMemberIdx(h, "no_such_member"), -1);
@@ -889,6 +900,7 @@ TEST_P(ProgramIndexFixture, LocalsFollowTheContextPc) {
       EXPECT_EQ(ELF_IsInScope(hits.front(), 0xFFFFFFFF), 1) << name;
       EXPECT_EQ(ELF_IsInScope(hits.front(), elsewhere), 0) << name;
       EXPECT_EQ(ELF_FindSymInContext(QString::fromStdString(name)), hits.back()) << name;
+      EXPECT_EQ(ELF_GetSymParentFunc(hits.front()), ELF_GetContextFunc()) << name;
     }
     functionsChecked++;
   }
@@ -994,6 +1006,39 @@ TEST(ProgramIndex, ProgramWithoutDebugInformationAnswersFromSymbols) {
   }
   EXPECT_GT(checked, 0);
   ELF_Deinit();
+}
+
+}  // namespace
+
+namespace {
+
+// Every function and data object of the symbol table is found at its address, a DWARF symbol of
+// the same name first; and the program facts match the recorded headers.
+TEST_P(ProgramIndexFixture, SymbolsAtAnAddressAndProgramFactsMatchReadelf) {
+  int checked = 0;
+  for (const auto& sym : readelf::ParseSymbols(GetParam())) {
+    if ((sym.Type != "FUNC" && sym.Type != "OBJECT") || sym.Size == 0)
+      continue;
+    SCOPED_TRACE(sym.Name);
+    uint32_t addr = sym.Type == "FUNC" ? sym.Value & ~1u : sym.Value;
+    ELF_SYM_LIST hits = ELF_GetSymsAtAddr(addr);
+    ASSERT_FALSE(hits.empty());
+    bool named = false, dwarfFirst = !_IsElfSymbolHandle(hits.front());
+    for (ELF_SYM_HANDLE h : hits)
+      named |= ELF_GetSymName(h).toStdString() == sym.Name;
+    EXPECT_TRUE(named);
+    if (!ELF_FindDebugSymsByName(QString::fromStdString(sym.Name)).empty() &&
+        !_IsElfSymbolHandle(ELF_FindDebugSymsByName(QString::fromStdString(sym.Name)).front())) {
+      EXPECT_TRUE(dwarfFirst);
+    }
+    checked++;
+  }
+  EXPECT_GT(checked, 0);
+  EXPECT_EQ(ELF_GetEntryPointPC(), readelf::ParseEntryPoint(GetParam()) & ~1u);
+  EXPECT_EQ(ELF_GetBigEndian(), readelf::ParseByteOrder(GetParam()) != "little");
+  EXPECT_EQ(ELF_GetSrcLanguage(),
+            std::string(GetParam()).rfind("cpp", 0) == 0 ? ELF_SRC_LANG_CPP : ELF_SRC_LANG_C);
+  EXPECT_TRUE(ELF_GetFileName().endsWith(QString(GetParam()) + ".elf"));
 }
 
 }  // namespace
