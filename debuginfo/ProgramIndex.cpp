@@ -722,6 +722,29 @@ bool ELF_FileExists(U32 Addr) {
   return loc.IsValid() && it != _IndexState().fileExists.end() && it->second;
 }
 
+ELF_SYM_LIST ELF_GetFileFunctions(U32 FileId) {
+  std::lock_guard lock(ELF_GetIndexMutex());
+  CIndexState& s = _IndexState();
+  if (!s.fileFunctionsBuilt) {
+    s.fileFunctionsBuilt = true;
+    std::vector<std::pair<U32, ELF_SYM_HANDLE>> byStart;
+    for (ELF_SYM_HANDLE h : s.allFunctions) {
+      byStart.push_back({_GetFuncRangeLocked(h).start, h});
+      auto range = s.inlineExpansions.equal_range(h);
+      for (auto it = range.first; it != range.second; ++it)
+        byStart.push_back({_GetFuncRangeLocked(it->second).start, it->second});
+    }
+    std::sort(byStart.begin(), byStart.end());
+    for (const auto& [start, h] : byStart) {
+      U32 file = start ? ELF_GetFileAt(start) : kNone;
+      if (file != kNone)
+        s.fileFunctions[file].push_back(h);
+    }
+  }
+  auto it = s.fileFunctions.find(FileId);
+  return it == s.fileFunctions.end() ? ELF_SYM_LIST{} : it->second;
+}
+
 U32 ELF_GetFileAt(U32 Addr) {
   std::lock_guard lock(ELF_GetIndexMutex());
   if (Addr == 0 || Addr == kNone)

@@ -120,6 +120,8 @@ CSrcLoc ELF_GetLastSrcLoc(U32 Addr);
 CSrcLoc ELF_GetExactSrcLoc(U32 Addr);
 bool ELF_HasSrcLoc(U32 Addr);
 bool ELF_RangeHasSrcLoc(CAddrRange Range);
+// Neighbours in the sorted list of line addresses: the largest below Addr (-1 at or below the
+// first), the smallest above Addr (-1 at or above the last).
 U32 ELF_GetPrevAddr(U32 Addr);
 U32 ELF_GetNextAddr(U32 Addr);
 U32 ELF_GetNextLineAddr(U32 Addr);
@@ -145,6 +147,8 @@ U32 ELF_GetFileId(const QString& sPath);
 QString ELF_GetFilePath(U32 FileId);
 std::vector<U32> ELF_GetFileIds();  // every file the line tables or units name, in name order
 bool ELF_FileExists(U32 Addr);
+// Functions and inline copies whose first address lies in the file's code, ascending by address.
+ELF_SYM_LIST ELF_GetFileFunctions(U32 FileId);
 U32 ELF_GetFileAt(U32 Addr);
 CAddrRange ELF_GetProgramRange();
 

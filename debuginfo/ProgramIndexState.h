@@ -126,6 +126,8 @@ struct CIndexState {
   U32 contextPc = 0;
   ELF_SYM_HANDLE contextFunc = 0;
   ELF_SYM_LIST localVars;
+  bool fileFunctionsBuilt = false;
+  std::unordered_map<U32, ELF_SYM_LIST> fileFunctions;
   bool debugSymsAtAddrBuilt = false;
   std::unordered_multimap<U32, ELF_SYM_HANDLE> debugSymsAtAddr;
   std::unordered_map<ELF_SYM_HANDLE, QString> nameCache, qualifiedNameCache;

@@ -1042,3 +1042,89 @@ TEST_P(ProgramIndexFixture, SymbolsAtAnAddressAndProgramFactsMatchReadelf) {
 }
 
 }  // namespace
+
+namespace {
+
+// Stepping walks the line table by neighbours: previous and next line address, the next and
+// previous line with code, and the first address of a statement, all against the recorded rows.
+TEST_P(ProgramIndexFixture, NeighboursInTheLineTableMatchReadelf) {
+  std::set<uint32_t> addrSet;
+  std::map<std::string, std::set<int>> codeLines;
+  std::map<uint32_t, std::set<FileLine>> linesAt;
+  for (const auto& row : KeptRows(GetParam())) {
+    if (row.Line < 0)
+      continue;
+    addrSet.insert(row.Addr);
+    codeLines[row.File].insert(row.Line);
+    linesAt[row.Addr].insert({row.File, row.Line});
+  }
+  std::vector<uint32_t> addrs(addrSet.begin(), addrSet.end());
+  ASSERT_GE(addrs.size(), 2u);
+  EXPECT_EQ(ELF_GetPrevAddr(addrs.front()), 0xFFFFFFFFu);
+  EXPECT_EQ(ELF_GetNextAddr(addrs.back()), 0xFFFFFFFFu);
+  EXPECT_EQ(ELF_GetPrevAddr(addrs.back() + 0x100), addrs.back());
+  EXPECT_EQ(ELF_GetNextAddr(addrs.front() - 2), addrs.front());
+  for (size_t i = 0; i < addrs.size(); i++) {
+    SCOPED_TRACE(addrs[i]);
+    if (i > 0) {
+      EXPECT_EQ(ELF_GetPrevAddr(addrs[i]), addrs[i - 1]);
+      EXPECT_EQ(ELF_GetPrevAddr(addrs[i] + 1), addrs[i]);
+      // A row whose line the row before does not have starts a statement.
+      bool fresh = true;
+      for (const auto& fl : linesAt[addrs[i]])
+        fresh &= !linesAt[addrs[i - 1]].count(fl);
+      if (fresh && linesAt[addrs[i]].size() == 1) {
+        EXPECT_TRUE(ELF_IsFirstAddrOfStatement(addrs[i]));
+      }
+    }
+    if (i + 1 < addrs.size()) {
+      EXPECT_EQ(ELF_GetNextAddr(addrs[i]), addrs[i + 1]);
+    }
+  }
+  for (const auto& [file, lines] : codeLines) {
+    CSrcLoc loc;
+    ASSERT_TRUE(ELF_ParseSrcLoc(QString::fromStdString(file + ":1"), &loc));
+    std::vector<int> sorted(lines.begin(), lines.end());
+    for (size_t i = 0; i < sorted.size(); i++) {
+      SCOPED_TRACE(file + ":" + std::to_string(sorted[i]));
+      CSrcLoc here{loc.file, (U32)sorted[i], 0};
+      CSrcLoc next = ELF_GetNextCodeLine(here), prev = ELF_GetPrevCodeLine(here);
+      EXPECT_EQ((int)next.line, i + 1 < sorted.size() ? sorted[i + 1] : 0);
+      EXPECT_EQ((int)prev.line, i > 0 ? sorted[i - 1] : 0);
+      if (next.IsValid()) {
+        EXPECT_EQ(next.file, loc.file);
+      }
+    }
+  }
+}
+
+// The functions of a file are those whose code lies in the file's units.
+TEST_P(ProgramIndexFixture, FileFunctionsHoldTheFunctionsOfTheirUnit) {
+  std::map<std::string, std::set<std::string>> expected;  // unit file -> functions with code
+  std::map<uint64_t, readelf::Die> dies;
+  for (const auto& unit : readelf::ParseInfo(GetParam())) {
+    if (unit.Dies.empty() || unit.Dies.front().Tag != "DW_TAG_compile_unit")
+      continue;
+    std::string file = QFileInfo(QString::fromStdString(unit.Dies.front().Name())).fileName().toStdString();
+    for (const auto& d : unit.Dies) {
+      if (d.Tag == "DW_TAG_subprogram" && d.Has("DW_AT_low_pc") && d.Number("DW_AT_low_pc") != 0 &&
+          !d.Has("DW_AT_specification") && !d.Has("DW_AT_abstract_origin"))
+        expected[file].insert(d.Name());
+    }
+  }
+  ASSERT_FALSE(expected.empty());
+  for (const auto& [file, names] : expected) {
+    SCOPED_TRACE(file);
+    std::set<std::string> got;
+    ELF_SYM_LIST list = ELF_GetFileFunctions(ELF_GetFileId(QString::fromStdString(file)));
+    for (ELF_SYM_HANDLE h : list)
+      got.insert(ELF_GetSymName(h).toStdString());
+    for (const auto& name : names)
+      EXPECT_TRUE(got.count(name)) << name;
+    for (size_t i = 1; i < list.size(); i++)
+      EXPECT_LE(ELF_GetFuncRange(list[i - 1]).start, ELF_GetFuncRange(list[i]).start);
+  }
+  EXPECT_TRUE(ELF_GetFileFunctions(0xFFFFFFFF).empty());
+}
+
+}  // namespace
