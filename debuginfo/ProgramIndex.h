@@ -174,7 +174,8 @@ ELF_SYM_LIST ELF_FindTypesByName(const QString& sName);
 ELF_SYM_LIST ELF_FindNamespacesByName(const QString& sName);
 ELF_SYM_LIST ELF_FindSyms(const QString& sName, bool DebugSyms, bool Types, bool Namespaces);
 ELF_SYM_HANDLE ELF_FindSym(const QString& sName, bool DebugSyms, bool Types, bool Namespaces);
-const ELF_SYM_LIST& ELF_GetGlobals();
+// A copy: the list of a program that is unloaded meanwhile must not dangle in the caller.
+ELF_SYM_LIST ELF_GetGlobals();
 
 // The context of local look-ups: the PC of the selected frame. A new function at the PC changes the
 // local variables (parameters and variables of all its blocks); the same function keeps them.

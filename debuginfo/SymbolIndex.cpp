@@ -147,7 +147,7 @@ ELF_SYM_HANDLE ELF_FindSym(const QString& sName, bool DebugSyms, bool Types, boo
   return hits.empty() ? 0 : hits.front();
 }
 
-const ELF_SYM_LIST& ELF_GetGlobals() {
+ELF_SYM_LIST ELF_GetGlobals() {
   std::lock_guard lock(ELF_GetIndexMutex());
   return _IndexState().globalVars;
 }

@@ -6,12 +6,14 @@
 #include <dwarf.h>
 
 #include <QFileInfo>
+#include <atomic>
 #include <cstdio>
 #include <map>
 #include <regex>
 #include <set>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "ReadelfRecord.h"
@@ -1125,6 +1127,43 @@ TEST_P(ProgramIndexFixture, FileFunctionsHoldTheFunctionsOfTheirUnit) {
       EXPECT_LE(ELF_GetFuncRange(list[i - 1]).start, ELF_GetFuncRange(list[i]).start);
   }
   EXPECT_TRUE(ELF_GetFileFunctions(0xFFFFFFFF).empty());
+}
+
+}  // namespace
+
+namespace {
+
+// The device thread asks about lines while the main thread loads programs: every query takes the
+// one lock, so the asking side sees either the old or the new program, never half of one.
+TEST(ProgramIndex, QueriesFromAnotherThreadDuringReloadsStayWhole) {
+  const std::string first = readelf::FixturePath("c_O0.elf"), second = readelf::FixturePath("cpp_O0.elf");
+  ASSERT_EQ(ELF_Init(first.c_str()), 0);
+  std::atomic<bool> done{false};
+  std::atomic<int> answers{0};
+  std::thread asker([&] {
+    while (!done) {
+      std::lock_guard lock(ELF_GetIndexMutex());
+      ELF_SYM_HANDLE main = ELF_FindSym("main", true, false, false);
+      CAddrRange r = ELF_GetFuncRange(main);
+      if (ELF_IsLoaded()) {
+        // Inside one lock the program cannot change: main's code has main's lines.
+        EXPECT_NE(main, 0u);
+        EXPECT_FALSE(r.IsEmpty());
+        EXPECT_FALSE(ELF_GetSrcLocs(r.start).empty());
+        EXPECT_EQ(ELF_GetFuncAt(r.start, true), main);
+      }
+      answers++;
+    }
+  });
+  for (int i = 0; i < 40; i++)
+    ASSERT_EQ(ELF_Init((i % 2 ? first : second).c_str()), 0);
+  // Let the asker answer at least once after the last load before stopping it.
+  for (int seen = answers; answers == seen;)
+    std::this_thread::yield();
+  done = true;
+  asker.join();
+  EXPECT_GT(answers.load(), 0);
+  ELF_Deinit();
 }
 
 }  // namespace
