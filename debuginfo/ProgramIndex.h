@@ -203,6 +203,9 @@ U32 ELF_GetSymSize(ELF_SYM_HANDLE h);
 // Where the symbol is declared: DW_AT_decl_file and DW_AT_decl_line (through its declaration or
 // abstract origin); without a line, the line before the one at its address. Invalid if unknown.
 CSrcLoc ELF_GetSymDeclLoc(ELF_SYM_HANDLE h);
+// Where an inline copy was called from: DW_AT_call_file and DW_AT_call_line. Without a call line,
+// the last line of the caller's file among the lines at the copy's start. Invalid if unknown.
+CSrcLoc ELF_GetSymCallLoc(ELF_SYM_HANDLE h);
 // Every symbol at exactly this address: the locals of the context function located there, then
 // debug symbols (globals, functions starting there), then symbol table entries, ordered as
 // ELF_FindSyms orders its hits.

@@ -274,6 +274,51 @@ CSrcLoc ELF_GetSymDeclLoc(ELF_SYM_HANDLE h) {
   return CSrcLoc{id, (U32)line, 0};
 }
 
+// The name of entry Number of a unit's file list (DW_AT_decl_file and DW_AT_call_file numbering);
+// null if the number names no entry.
+static const char* _UnitFileName(ELF_FILE* pFile, ELF_DIE Die, U64 Number) {
+  U64 unit = _GetDieAncestorOff(pFile, Die);
+  const ELF_CU_INFOS& infos = pFile->dwarf.cuInfos;
+  for (U32 i = 0; i < infos.n; i++) {
+    const ELF_CU_INFO& cu = infos.items[i];
+    if (cu.offset != unit)
+      continue;
+    // Version 5 line tables number files from 0; earlier ones from 1, with 0 meaning none.
+    if (cu.lineVersion < 5 && Number == 0)
+      return nullptr;
+    U64 index = cu.lineVersion >= 5 ? Number : Number - 1;
+    return index < cu.fileCount ? cu.fileNames[index] : nullptr;
+  }
+  return nullptr;
+}
+
+CSrcLoc ELF_GetSymCallLoc(ELF_SYM_HANDLE h) {
+  std::lock_guard lock(ELF_GetIndexMutex());
+  ELF_FILE* pFile = nullptr;
+  ELF_DIE die = nullptr;
+  if (!_GetDwarfSymContext(h, &pFile, &die))
+    return CSrcLoc{};
+  bool haveLine = false, haveFile = false;
+  U64 line = _GetAttributeAsU64(pFile, die, DW_AT_call_line, &haveLine);
+  U64 fileNumber = _GetAttributeAsU64(pFile, die, DW_AT_call_file, &haveFile);
+  const char* sFile = haveFile ? _UnitFileName(pFile, die, fileNumber) : nullptr;
+  U32 file = sFile ? _AddDwarfFile(_IndexState(), sFile) : kNone;
+  if (haveLine && line > 0 && line <= 0xFFFFFFFFull && file != kNone)
+    return CSrcLoc{file, (U32)line, 0};
+  // No call line: the caller's lines at the copy's start, the last of them in the caller's file.
+  ELF_DIE caller = _GetDieParentFunc(pFile, die);
+  CAddrRange r = ELF_GetFuncRange(h);
+  if (!caller || r.IsEmpty())
+    return CSrcLoc{};
+  CSrcLoc callerDecl = ELF_GetSymDeclLoc(_GetDwarfSymHandle(pFile, caller));
+  CSrcLoc found;
+  for (const CSrcLoc& loc : ELF_GetSrcLocs(r.start)) {
+    if (loc.file == callerDecl.file)
+      found = loc;
+  }
+  return found;
+}
+
 QString ELF_GetSymLocText(const ELF_SYM_LOC& Loc) {
   auto regText = [](U32 Reg) {
     if (Reg == 1035)

@@ -1167,3 +1167,34 @@ TEST(ProgramIndex, QueriesFromAnotherThreadDuringReloadsStayWhole) {
 }
 
 }  // namespace
+
+namespace {
+
+// Each inline copy knows the line it was called from, as readelf records it, in its unit's file.
+TEST_P(ProgramIndexFixture, InlineCallLocationsMatchReadelf) {
+  ELF_FILE* pFile = ELF_GetIndexedFile();
+  int checked = 0;
+  for (const auto& unit : readelf::ParseInfo(GetParam())) {
+    if (unit.Dies.empty() || unit.Dies.front().Tag != "DW_TAG_compile_unit")
+      continue;
+    std::string unitFile =
+        QFileInfo(QString::fromStdString(unit.Dies.front().Name())).fileName().toStdString();
+    for (const auto& d : unit.Dies) {
+      if (d.Tag != "DW_TAG_inlined_subroutine" || !d.Has("DW_AT_call_line"))
+        continue;
+      SCOPED_TRACE(d.Offset);
+      CSrcLoc loc =
+          ELF_GetSymCallLoc(ELF_MakeDwarfHandle(ELF_GetFileIndex(pFile), _MakeDieID(d.Offset, true)));
+      ASSERT_TRUE(loc.IsValid());
+      EXPECT_EQ(loc.line, d.Number("DW_AT_call_line"));
+      EXPECT_EQ(BaseNameOf(loc.file), unitFile);
+      checked++;
+    }
+  }
+  if (std::string(GetParam()).find("O2") != std::string::npos) {
+    EXPECT_GT(checked, 0);
+  }
+  EXPECT_FALSE(ELF_GetSymCallLoc(ELF_FindSym("main", true, false, false)).IsValid());
+}
+
+}  // namespace
