@@ -1180,3 +1180,50 @@ int DWA_GetFrameRules(DWA_CONTEXT* pContext, U64 Pc, DWA_REG_RULE* paRules, DWA_
     *pRowPc = rowPc;
   return 0;
 }
+
+int DWA_GetFde(DWA_CONTEXT* pContext, U32 Index, DWA_FDE* pFde) {
+  memset(pFde, 0, sizeof(*pFde));
+  DWA_FRAME_INFO info;
+  if (DWA_LoadFrames(pContext, &info) != 0 || Index >= info.FdeCount)
+    return -1;
+  Dwarf_Fde fde = pContext->paFdes[Index];
+  Dwarf_Error Err = nullptr;
+  Dwarf_Addr lo = 0;
+  Dwarf_Unsigned length = 0, fdeLength = 0;
+  Dwarf_Ptr pFdeBytes = nullptr;
+  Dwarf_Off cieOffset = 0, fdeOffset = 0;
+  Dwarf_Signed cieIndex = 0;
+  if (dwarf_get_fde_range(fde, &lo, &length, &pFdeBytes, &fdeLength, &cieOffset, &cieIndex, &fdeOffset,
+                          &Err) != DW_DLV_OK) {
+    _Report(pContext, Err, "dwarf_get_fde_range", "index", Index);
+    return -1;
+  }
+  Dwarf_Ptr pInstr = nullptr;
+  Dwarf_Unsigned instrLength = 0;
+  if (dwarf_get_fde_instr_bytes(fde, &pInstr, &instrLength, &Err) != DW_DLV_OK) {
+    _Report(pContext, Err, "dwarf_get_fde_instr_bytes", "index", Index);
+    return -1;
+  }
+  Dwarf_Cie cie = nullptr;
+  Dwarf_Signed dataAlign = 1;
+  if (dwarf_get_cie_of_fde(fde, &cie, &Err) == DW_DLV_OK) {
+    Dwarf_Unsigned bytes = 0, codeAlign = 0, initialLength = 0;
+    Dwarf_Small version = 0;
+    char* sAugmenter = nullptr;
+    Dwarf_Half returnReg = 0, offsetSize = 0;
+    Dwarf_Ptr pInitial = nullptr;
+    if (dwarf_get_cie_info_b(cie, &bytes, &version, &sAugmenter, &codeAlign, &dataAlign, &returnReg,
+                             &pInitial, &initialLength, &offsetSize, &Err) != DW_DLV_OK) {
+      _Report(pContext, Err, "dwarf_get_cie_info_b", "index", Index);
+      dataAlign = 1;
+    }
+  } else if (Err) {
+    _Report(pContext, Err, "dwarf_get_cie_of_fde", "index", Index);
+  }
+  pFde->Lo = lo;
+  pFde->Hi = lo + length;
+  pFde->pInstr = (const U8*)pInstr;
+  pFde->InstrLength = instrLength;
+  pFde->DataAlign = dataAlign;
+  return 0;
+}

@@ -169,3 +169,14 @@ struct DWA_REG_RULE {
 static constexpr int DWA_NUM_FRAME_REGS = 30;
 // Rules for all 30 registers and the CFA at Pc. 0 found, 1 no FDE covers Pc, -1 error.
 int DWA_GetFrameRules(DWA_CONTEXT* pContext, U64 Pc, DWA_REG_RULE* paRules, DWA_REG_RULE* pCfa, U64* pRowPc);
+
+// One frame description: its code range [Lo, Hi), its instruction bytes (valid until DWA_Finish)
+// and the data alignment factor of its CIE. 0 on success, -1 for a bad index or an error.
+struct DWA_FDE {
+  U64 Lo;
+  U64 Hi;
+  const U8* pInstr;
+  U64 InstrLength;
+  I64 DataAlign;
+};
+int DWA_GetFde(DWA_CONTEXT* pContext, U32 Index, DWA_FDE* pFde);

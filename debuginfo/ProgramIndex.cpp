@@ -389,6 +389,173 @@ void _BuildElfTables(CIndexState& s) {
   }
 }
 
+void _BuildCfi(CIndexState& s) {
+  DWA_CONTEXT* pDwarf = s.pFile->dwarf.pDwarf;
+  if (!pDwarf)
+    return;
+  std::vector<std::pair<U32, std::pair<U32, U32>>> fdes;  // start -> end, index
+  for (U32 i = 0; i < s.pFile->dwarf.fdeCount; i++) {
+    DWA_FDE fde;
+    if (DWA_GetFde(pDwarf, i, &fde) != 0 || fde.Lo > fde.Hi || fde.Hi > 0xFFFFFFFFull)
+      continue;
+    fdes.push_back({(U32)fde.Lo, {(U32)fde.Hi, i}});
+  }
+  std::sort(fdes.begin(), fdes.end());
+  for (const auto& [start, endIndex] : fdes) {
+    if (!s.cfiStarts.empty() && s.cfiStarts.back() == start) {
+      s.cfiEnds.back() = endIndex.first;  // sorted: the widest one comes last
+      s.cfiFdeIndex.back() = endIndex.second;
+      continue;
+    }
+    s.cfiStarts.push_back(start);
+    s.cfiEnds.push_back(endIndex.first);
+    s.cfiFdeIndex.push_back(endIndex.second);
+  }
+}
+
+// The position in the CFI table of the description that covers a link address, -1 if none.
+int _FindCfi(const CIndexState& s, U32 LinkAddr) {
+  auto it = std::upper_bound(s.cfiStarts.begin(), s.cfiStarts.end(), LinkAddr);
+  if (it == s.cfiStarts.begin())
+    return -1;
+  size_t i = (size_t)(it - s.cfiStarts.begin()) - 1;
+  return LinkAddr < s.cfiEnds[i] ? (int)i : -1;
+}
+
+bool _ReadUleb(const U8*& p, const U8* pEnd, U64* pValue) {
+  U64 v = 0;
+  for (int shift = 0; p < pEnd; shift += 7) {
+    U8 b = *p++;
+    if (shift < 64)
+      v |= (U64)(b & 0x7F) << shift;
+    if (!(b & 0x80)) {
+      *pValue = v;
+      return true;
+    }
+  }
+  return false;
+}
+
+bool _ReadSleb(const U8*& p, const U8* pEnd, I64* pValue) {
+  I64 v = 0;
+  int shift = 0;
+  for (; p < pEnd; shift += 7) {
+    U8 b = *p++;
+    if (shift < 64)
+      v |= (I64)((U64)(b & 0x7F) << shift);
+    if (!(b & 0x80)) {
+      if (shift + 7 < 64 && (b & 0x40))
+        v |= -((I64)1 << (shift + 7));
+      *pValue = v;
+      return true;
+    }
+  }
+  return false;
+}
+
+// Walks the CFA instructions of one description and keeps the largest absolute CFA offset.
+// Returns -1 for instructions that run past their end or that this walk does not know.
+int _StackSizeFromInstructions(const U8* p, const U8* pEnd, I64 DataAlign) {
+  I64 current = 0, highest = 0, lowest = 0;
+  auto skip = [&](int Ulebs, int Slebs, int Bytes, bool Block) {
+    U64 u = 0;
+    I64 sv = 0;
+    for (int i = 0; i < Ulebs; i++) {
+      if (!_ReadUleb(p, pEnd, &u))
+        return false;
+    }
+    for (int i = 0; i < Slebs; i++) {
+      if (!_ReadSleb(p, pEnd, &sv))
+        return false;
+    }
+    if (Block && (!_ReadUleb(p, pEnd, &u) || u > (U64)(pEnd - p)))
+      return false;
+    U64 n = Block ? u : (U64)Bytes;
+    if (n > (U64)(pEnd - p))
+      return false;
+    p += n;
+    return true;
+  };
+  while (p < pEnd) {
+    U8 op = *p++;
+    U8 primary = op >> 6;
+    bool ok = true;
+    if (primary == 1 || primary == 3) {
+      // advance_loc, restore: operand in the opcode
+    } else if (primary == 2) {
+      ok = skip(1, 0, 0, false);  // offset
+    } else {
+      U64 u = 0;
+      I64 sv = 0;
+      switch (op) {
+        case 0x00:  // nop
+        case 0x0a:  // remember_state
+        case 0x0b:  // restore_state
+          break;
+        case 0x01:  // set_loc: a 32-bit address
+        case 0x04:  // advance_loc4
+          ok = skip(0, 0, 4, false);
+          break;
+        case 0x02:
+          ok = skip(0, 0, 1, false);
+          break;
+        case 0x03:
+          ok = skip(0, 0, 2, false);
+          break;
+        case 0x05:  // offset_extended
+        case 0x09:  // register
+        case 0x14:  // val_offset
+        case 0x2f:  // GNU_negative_offset_extended
+          ok = skip(2, 0, 0, false);
+          break;
+        case 0x06:  // restore_extended
+        case 0x07:  // undefined
+        case 0x08:  // same_value
+        case 0x0d:  // def_cfa_register
+        case 0x2e:  // GNU_args_size
+          ok = skip(1, 0, 0, false);
+          break;
+        case 0x0c:  // def_cfa: register, unsigned offset
+          ok = skip(1, 0, 0, false) && _ReadUleb(p, pEnd, &u);
+          current = (I64)u;
+          break;
+        case 0x0e:  // def_cfa_offset
+          ok = _ReadUleb(p, pEnd, &u);
+          current = (I64)u;
+          break;
+        case 0x12:  // def_cfa_sf: register, signed factored offset
+          ok = skip(1, 0, 0, false) && _ReadSleb(p, pEnd, &sv);
+          current = sv * DataAlign;
+          break;
+        case 0x13:  // def_cfa_offset_sf
+          ok = _ReadSleb(p, pEnd, &sv);
+          current = sv * DataAlign;
+          break;
+        case 0x0f:  // def_cfa_expression
+          ok = skip(0, 0, 0, true);
+          break;
+        case 0x10:  // expression
+        case 0x16:  // val_expression
+          ok = skip(1, 0, 0, true);
+          break;
+        case 0x11:  // offset_extended_sf
+        case 0x15:  // val_offset_sf
+          ok = skip(1, 1, 0, false);
+          break;
+        default:
+          ok = false;
+          break;
+      }
+    }
+    if (!ok)
+      return -1;
+    highest = std::max(highest, current);
+    lowest = std::min(lowest, current);
+  }
+  I64 size = std::max(highest, -lowest);
+  return size > 0x7FFFFFFF ? -1 : (int)size;
+}
+
 void _Log(const char* sStep, const QElapsedTimer& Timer) {
   ELF_Log(ELF_LOG_TRACE, "%s%lld ms", sStep, (long long)Timer.elapsed());
 }
@@ -452,6 +619,8 @@ int ELF_Init(const char* sPath) {
   _Log("parsed file address ranges: ", timer);
   _BuildElfTables(s);
   _Log("Build symbol table: ", timer);
+  _BuildCfi(s);
+  _Log("parsed call frame information: ", timer);
   s.counts.files = (U32)s.fileIds.size();
   s.counts.lineAddrs = (U32)s.addrList.size();
   s.counts.functions = (U32)s.allFunctions.size();
@@ -760,6 +929,34 @@ CAddrRange ELF_GetProgramRange() {
   if (s.programLow > s.programHigh)
     return CAddrRange{};
   return CAddrRange{s.programLow, s.programHigh - s.programLow};
+}
+
+/*********************************************************************
+ * Call frame descriptions
+ */
+
+CAddrRange ELF_GetCfiRange(U32 Addr) {
+  std::lock_guard lock(ELF_GetIndexMutex());
+  const CIndexState& s = _IndexState();
+  int i = _FindCfi(s, ELF_UndoRelocation(Addr, false));
+  if (i < 0)
+    return CAddrRange{};
+  U32 start = ELF_ApplyRelocation(s.cfiStarts[(size_t)i], false);
+  U32 end = ELF_ApplyRelocation(s.cfiEnds[(size_t)i], true);
+  return end > start ? CAddrRange{start, end - start} : CAddrRange{};
+}
+
+int ELF_GetFuncStackSize(U32 Addr) {
+  std::lock_guard lock(ELF_GetIndexMutex());
+  const CIndexState& s = _IndexState();
+  int i = _FindCfi(s, ELF_UndoRelocation(Addr, false));
+  if (i < 0)
+    return 0;
+  DWA_FDE fde;
+  if (DWA_GetFde(s.pFile->dwarf.pDwarf, s.cfiFdeIndex[(size_t)i], &fde) != 0 || !fde.pInstr)
+    return -1;
+  return _StackSizeFromInstructions(fde.pInstr, fde.pInstr + fde.InstrLength,
+                                    fde.DataAlign ? fde.DataAlign : 1);
 }
 
 /*********************************************************************

@@ -152,6 +152,12 @@ ELF_SYM_LIST ELF_GetFileFunctions(U32 FileId);
 U32 ELF_GetFileAt(U32 Addr);
 CAddrRange ELF_GetProgramRange();
 
+// Call frame descriptions: the range of the one that covers Addr (empty if none), and the largest
+// CFA offset its instructions set up, the function's stack use in bytes (0 if none covers Addr,
+// -1 if its instructions cannot be read).
+CAddrRange ELF_GetCfiRange(U32 Addr);
+int ELF_GetFuncStackSize(U32 Addr);
+
 // Location texts. The normal form is "<file name>:<line>", with ":<column>" behind it for a
 // non-zero column, where the file name is the path's last component as the index knows it. A text
 // reads as a location when it is "<file>:<line>" or "<file>:<line>:<column>" with a file the index

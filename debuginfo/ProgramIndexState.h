@@ -126,6 +126,8 @@ struct CIndexState {
   U32 contextPc = 0;
   ELF_SYM_HANDLE contextFunc = 0;
   ELF_SYM_LIST localVars;
+  // Frame descriptions sorted by start (link addresses): for each start the widest one.
+  std::vector<U32> cfiStarts, cfiEnds, cfiFdeIndex;
   bool fileFunctionsBuilt = false;
   std::unordered_map<U32, ELF_SYM_LIST> fileFunctions;
   bool debugSymsAtAddrBuilt = false;

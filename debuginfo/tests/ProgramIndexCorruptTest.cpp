@@ -40,6 +40,7 @@ unsigned ExerciseIndex() {
       sum += ELF_GetSymLoc(local, r.start).kind + ELF_IsInScope(local, r.start);
     ELF_SYM_LOC rows[ELF_FRAME_ROWS];
     sum += (unsigned)ELF_GetFrameRows(r.start, rows);
+    sum += (unsigned)ELF_GetFuncStackSize(r.start) + ELF_GetCfiRange(r.start).size;
   }
   for (ELF_SYM_HANDLE h : ELF_GetGlobals()) {
     QString name = ELF_GetSymName(h);

@@ -1198,3 +1198,42 @@ TEST_P(ProgramIndexFixture, InlineCallLocationsMatchReadelf) {
 }
 
 }  // namespace
+
+namespace {
+
+// Each frame description of the recorded .debug_frame dump: its range, and the largest CFA offset
+// its instructions set up (the function's stack use).
+TEST_P(ProgramIndexFixture, FrameDescriptionsAndStackSizesMatchReadelf) {
+  std::regex reFde(R"(FDE cie=\S+ pc=([0-9a-f]+)\.\.([0-9a-f]+))");
+  std::regex reOffset(R"(DW_CFA_def_cfa(?:_offset)?: (?:r\d+ ofs )?(\d+)$)");
+  struct Fde {
+    uint32_t lo, hi;
+    int stack;
+  };
+  std::vector<Fde> fdes;
+  for (const std::string& line :
+       readelf::ReadLines(readelf::FixturePath(std::string(GetParam()) + ".frames.txt"))) {
+    std::smatch m;
+    if (std::regex_search(line, m, reFde))
+      fdes.push_back({(uint32_t)std::stoul(m[1], nullptr, 16), (uint32_t)std::stoul(m[2], nullptr, 16), 0});
+    else if (!fdes.empty() && std::regex_search(line, m, reOffset))
+      fdes.back().stack = std::max(fdes.back().stack, std::stoi(m[1]));
+  }
+  if (std::string(GetParam()) == "gc_O0")
+    GTEST_SKIP() << "no recorded .debug_frame dump";
+  ASSERT_FALSE(fdes.empty());
+  for (const auto& f : fdes) {
+    SCOPED_TRACE(f.lo);
+    if (f.lo == 0 || f.hi <= f.lo)
+      continue;
+    CAddrRange r = ELF_GetCfiRange(f.lo);
+    EXPECT_EQ(r.start, f.lo);
+    EXPECT_EQ(r.End(), f.hi);
+    EXPECT_EQ(ELF_GetCfiRange(f.hi - 2).start, f.lo);
+    EXPECT_EQ(ELF_GetFuncStackSize(f.lo), f.stack);
+  }
+  EXPECT_TRUE(ELF_GetCfiRange(0xFFFFFF00).IsEmpty());
+  EXPECT_EQ(ELF_GetFuncStackSize(0xFFFFFF00), 0);
+}
+
+}  // namespace
