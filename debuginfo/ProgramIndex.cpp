@@ -1002,12 +1002,7 @@ bool ELF_ParseSrcLoc(const QString& sText, CSrcLoc* pLoc) {
   }
   if (line == 0)
     return false;
-  QString file = parts.mid(0, parts.size() - numbers).join(':').trimmed();
-  U32 id = ELF_GetFileId(file);
-  if (id == kNone && numbers == 2) {
-    // "a.c:12:" style texts never get here; "C:12:5"-like names are files with a colon.
-    return false;
-  }
+  U32 id = ELF_GetFileId(parts.mid(0, parts.size() - numbers).join(':').trimmed());
   if (id == kNone)
     return false;
   if (pLoc)
