@@ -1237,3 +1237,41 @@ TEST_P(ProgramIndexFixture, FrameDescriptionsAndStackSizesMatchReadelf) {
 }
 
 }  // namespace
+
+namespace {
+
+// An address inside a function takes the line of the entry before it for 256 bytes; further
+// behind it has no line (pad_O0: one line of padded() runs 400 bytes). The next line's address
+// is found across that gap.
+TEST(ProgramIndex, AddressesFarBehindTheirLineEntryHaveNoLine) {
+  ASSERT_EQ(ELF_Init(readelf::FixturePath("pad_O0.elf").c_str()), 0);
+  auto rows = KeptRows("pad_O0");
+  const readelf::LineRow* pLong = nullptr;
+  uint32_t nextAddr = 0;
+  for (size_t i = 0; i + 1 < rows.size(); i++) {
+    if (rows[i].Line >= 0 && rows[i + 1].Line >= 0 && rows[i + 1].Addr - rows[i].Addr > 300) {
+      pLong = &rows[i];
+      nextAddr = rows[i + 1].Addr;
+    }
+  }
+  ASSERT_NE(pLong, nullptr);
+  const struct {
+    uint32_t behind;
+    bool hasLine;
+  } cases[] = {{2, true},    {100, true},  {256, true},
+               {258, false}, {300, false}, {nextAddr - pLong->Addr - 2, false}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.behind);
+    std::set<FileLine> lines = LinesAt(pLong->Addr + c.behind);
+    if (c.hasLine) {
+      EXPECT_EQ(lines, (std::set<FileLine>{{pLong->File, pLong->Line}}));
+    } else {
+      EXPECT_TRUE(lines.empty());
+    }
+    EXPECT_NE(ELF_GetFuncAt(pLong->Addr + c.behind, false), 0u);
+  }
+  EXPECT_EQ(ELF_GetNextLineAddr(pLong->Addr), nextAddr);
+  ELF_Deinit();
+}
+
+}  // namespace
