@@ -218,6 +218,12 @@ CSrcLoc ELF_GetSymCallLoc(ELF_SYM_HANDLE h);
 ELF_SYM_LIST ELF_GetSymsAtAddr(U32 Addr);
 // Access of a member: 1 public, 2 protected, 3 private, 0 for a symbol that is no member.
 U32 ELF_GetSymAccessibility(ELF_SYM_HANDLE h);
+// True for a symbol or type whose values are signed: a base type with a signed encoding at the
+// end of its type chain (through typedefs, qualifiers and an enumeration's underlying type).
+// Pointers and everything else are unsigned.
+bool ELF_GetSymSign(ELF_SYM_HANDLE h);
+// DW_AT_const_value of an enumerator or constant as a number; false if it has none or it is a block.
+bool ELF_GetSymConstValue(ELF_SYM_HANDLE h, I64* pValue);
 // The enclosing function, type or namespace of a DWARF symbol; 0 if none.
 ELF_SYM_HANDLE ELF_GetSymParentFunc(ELF_SYM_HANDLE h);
 ELF_SYM_HANDLE ELF_GetSymParentType(ELF_SYM_HANDLE h);

@@ -533,6 +533,46 @@ U32 ELF_GetSymAccessibility(ELF_SYM_HANDLE h) {
   return tag == ELF_TAG_CLASS ? 3 : 0;
 }
 
+bool ELF_GetSymSign(ELF_SYM_HANDLE h) {
+  std::lock_guard lock(ELF_GetIndexMutex());
+  ELF_FILE* pFile = nullptr;
+  ELF_DIE die = nullptr;
+  if (!_GetDwarfSymContext(h, &pFile, &die))
+    return false;
+  ELF_DIE t = die;
+  for (int step = 0; t && step < 25; step++) {
+    switch (_GetDieType(pFile, t)) {
+      case ELF_TAG_POINTER:
+      case ELF_TAG_REFERENCE:
+        return false;
+      case ELF_TAG_BASE_TYPE: {
+        bool found = false;
+        U64 encoding = _GetAttributeAsU64(pFile, t, DW_AT_encoding, &found);
+        return found && (encoding == DW_ATE_signed || encoding == DW_ATE_signed_char ||
+                         encoding == DW_ATE_signed_fixed);
+      }
+      default:
+        break;
+    }
+    t = _GetReferenceDie(pFile, t, DW_AT_type);
+  }
+  return false;
+}
+
+bool ELF_GetSymConstValue(ELF_SYM_HANDLE h, I64* pValue) {
+  std::lock_guard lock(ELF_GetIndexMutex());
+  ELF_FILE* pFile = nullptr;
+  ELF_DIE die = nullptr;
+  DWA_VALUE v;
+  if (!_GetDwarfSymContext(h, &pFile, &die) || !_CreateDieAttr(pFile, die, DW_AT_const_value, &v))
+    return false;
+  if (v.Kind != DWA_VALUE_UNSIGNED && v.Kind != DWA_VALUE_SIGNED)
+    return false;
+  if (pValue)
+    *pValue = v.s;
+  return true;
+}
+
 static ELF_SYM_HANDLE _ParentHandle(ELF_SYM_HANDLE h, ELF_DIE (*pfParent)(ELF_FILE*, ELF_DIE)) {
   std::lock_guard lock(ELF_GetIndexMutex());
   ELF_FILE* pFile = nullptr;

@@ -1275,3 +1275,73 @@ TEST(ProgramIndex, AddressesFarBehindTheirLineEntryHaveNoLine) {
 }
 
 }  // namespace
+
+namespace {
+
+// One gdb expression per line, answers as text in order; "" where gdb reports an error.
+std::vector<std::string> GdbPrint(const std::string& sElf, const std::vector<std::string>& Exprs) {
+  std::string cmd = "gdb-multiarch -batch -nx";
+  for (const auto& e : Exprs)
+    cmd += " -ex 'echo @@\\n' -ex 'print " + e + "'";
+  cmd += " '" + sElf + "' 2>&1";
+  std::vector<std::string> answers;
+  FILE* p = popen(cmd.c_str(), "r");
+  if (!p)
+    return answers;
+  std::regex reValue(R"(^\$\d+ = (.*)$)");
+  char ac[1024];
+  while (fgets(ac, sizeof(ac), p)) {
+    std::string line(ac);
+    if (!line.empty() && line.back() == '\n')
+      line.pop_back();
+    std::smatch m;
+    if (line == "@@")
+      answers.push_back("");
+    else if (!answers.empty() && std::regex_match(line, m, reValue))
+      answers.back() = m[1];
+  }
+  pclose(p);
+  return answers;
+}
+
+// Enumerator values and the signedness of globals, as gdb evaluates them on the C fixtures.
+TEST_P(ProgramIndexFixture, EnumeratorValuesAndSignednessMatchGdb) {
+  if (!HaveGdb())
+    GTEST_SKIP() << "gdb-multiarch is not installed";
+  if (std::string(GetParam()).rfind("c_", 0) != 0)
+    GTEST_SKIP() << "the enumeration and the globals of interest are in the C fixtures";
+  std::string elf = readelf::FixturePath(std::string(GetParam()) + ".elf");
+  ELF_SYM_HANDLE color = ELF_FindSym("color", false, true, false);
+  ASSERT_NE(color, 0u);
+  std::vector<std::string> exprs;
+  std::vector<ELF_SYM_HANDLE> enumerators;
+  for (U32 i = 0; i < ELF_GetSymMemberCount(color); i++) {
+    enumerators.push_back(ELF_GetSymMember(color, i));
+    exprs.push_back("(long long)" + ELF_GetSymName(enumerators.back()).toStdString());
+  }
+  ASSERT_EQ(enumerators.size(), 3u);
+  const char* const kGlobals[] = {"g_myint", "g_ticks", "g_color", "g_name", "g_matrix[0][0]", "g_fn"};
+  for (const char* g : kGlobals)
+    exprs.push_back(std::string("(typeof(") + g + "))-1 < 0");
+  auto answers = GdbPrint(elf, exprs);
+  ASSERT_EQ(answers.size(), exprs.size());
+  for (size_t i = 0; i < enumerators.size(); i++) {
+    SCOPED_TRACE(exprs[i]);
+    I64 value = -1;
+    ASSERT_TRUE(ELF_GetSymConstValue(enumerators[i], &value));
+    EXPECT_EQ(std::to_string(value), answers[i]);
+  }
+  for (size_t i = 0; i < std::size(kGlobals); i++) {
+    SCOPED_TRACE(exprs[enumerators.size() + i]);
+    std::string name = kGlobals[i];
+    ELF_SYM_HANDLE h =
+        ELF_FindSym(QString::fromStdString(name.substr(0, name.find('['))), true, false, false);
+    ASSERT_NE(h, 0u);
+    if (name.find('[') != std::string::npos)
+      h = ELF_GetSymDataType(h);  // the element type of the array decides
+    EXPECT_EQ(ELF_GetSymSign(h) ? "1" : "0", answers[enumerators.size() + i]);
+  }
+  EXPECT_FALSE(ELF_GetSymConstValue(ELF_FindSym("main", true, false, false), nullptr));
+}
+
+}  // namespace
