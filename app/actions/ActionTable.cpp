@@ -17,7 +17,8 @@ namespace {
 
 const GUI_ACTION _Sentinel = {kSentinelActionId, 0, 0, nullptr, {}, {}, {}, {}, {}, {}, {}, nullptr, {0, 0}};
 
-QHash<const QAction*, int> _ActionToId;
+// Keyed by the action as a QObject: a destroyed action is only a QObject by the time it is forgotten.
+QHash<const QObject*, int> _ActionToId;
 QHash<int, int> _Results;
 QStringList _UnlinkedNames;
 bool _aPermitted[kNumActions];
@@ -106,13 +107,13 @@ QStringList _SplitOutsideQuotes(const QString& sText, QChar Separator, bool Skip
 }
 
 void _Forget(QObject* pObject) {
-  auto It = _ActionToId.find(static_cast<QAction*>(pObject));
+  auto It = _ActionToId.find(pObject);
   if (It == _ActionToId.end()) {
     return;
   }
   int Id = It.value();
   _ActionToId.erase(It);
-  if (_IsValidId(Id) && g_aActions[Id].pAction == pObject) {
+  if (_IsValidId(Id) && static_cast<QObject*>(g_aActions[Id].pAction) == pObject) {
     g_aActions[Id].pAction = nullptr;
   }
 }
@@ -133,11 +134,11 @@ void _Bind(int Id, QAction* pAction) {
   Row.pAction = pAction;
   _ActionToId.insert(pAction, Id);
   static QObject Watcher;  // outlives every action; receives their destruction
-  static QSet<const QAction*> Watched;
+  static QSet<const QObject*> Watched;
   if (!Watched.contains(pAction)) {
     Watched.insert(pAction);
     QObject::connect(pAction, &QObject::destroyed, &Watcher, [](QObject* p) {
-      Watched.remove(static_cast<QAction*>(p));
+      Watched.remove(p);
       _Forget(p);
     });
   }

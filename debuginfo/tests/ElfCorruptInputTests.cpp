@@ -1,6 +1,7 @@
 // Corrupt and hostile program files: each case ends in a clean failure with the system's message,
 // or in a clean load whose queries answer without faults. Never a crash or a hang.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstring>
@@ -22,7 +23,8 @@ int CaptureLog(const char* sText, U32) {
 }
 
 std::string WriteTemp(const std::vector<uint8_t>& Bytes, const char* sName = "corrupt.elf") {
-  std::string path = ::testing::TempDir() + sName;
+  // Tests run as parallel processes: each writes its own file.
+  std::string path = ::testing::TempDir() + std::to_string(getpid()) + "-" + sName;
   FILE* f = fopen(path.c_str(), "wb");
   if (Bytes.size())
     fwrite(Bytes.data(), 1, Bytes.size(), f);
