@@ -597,7 +597,7 @@ ELF_SYM_HANDLE ELF_GetSymParentNamespace(ELF_SYM_HANDLE h) {
 U32 ELF_GetEntryPointPC() {
   std::lock_guard lock(ELF_GetIndexMutex());
   ELF_FILE* pFile = ELF_GetIndexedFile();
-  return pFile ? ELF_ApplyRelocation(ELF_GetEntryPoint(pFile) & ~1u, false) : kNone;
+  return pFile ? ELF_GetEntryPoint(pFile) : kNone;  // the ELF layer relocates it
 }
 
 bool ELF_GetBigEndian() {
