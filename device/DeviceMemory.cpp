@@ -17,6 +17,36 @@ const TARVIK_API& _Api() {
 
 constexpr U32 kProgressLimit = 4000;  // larger transfers show progress
 
+// Runs Transfer(Offset, Size) over the chunks of a transfer, with the progress text and bar that
+// transfers above the limit show. Returns the bytes the chunks moved; EndProgress decides at the end.
+int _ForEachChunk(U32 nBytes, U32 ChunkSize, const char* sProgressText,
+                  const std::function<int(U32 Offset, U32 Size)>& Transfer,
+                  const std::function<bool()>& EndProgress) {
+  if (ChunkSize == 0 || ChunkSize > nBytes) {
+    ChunkSize = nBytes;
+  }
+  const U32 NumChunks = (nBytes + ChunkSize - 1) / ChunkSize;
+  const bool Progress = nBytes > kProgressLimit;
+  if (Progress) {
+    PostDeviceStringEvent(DEV_EVENT_PROGRESS_MSG, sProgressText, 0);
+    if (NumChunks > 1) {
+      PostDeviceEvent(DEV_EVENT_PROGRESS_START, 0, NumChunks - 1);
+    }
+  }
+  int Total = 0;
+  for (U32 i = 0; i < NumChunks; ++i) {
+    U32 Offset = i * ChunkSize;
+    Total += Transfer(Offset, std::min(ChunkSize, nBytes - Offset));
+    if (Progress && NumChunks > 1) {
+      PostDeviceEvent(DEV_EVENT_PROGRESS_VALUE, i, 0);
+    }
+  }
+  if (Progress && EndProgress()) {
+    PostDeviceEvent(DEV_EVENT_PROGRESS_END, 0, 0);
+  }
+  return Total;
+}
+
 }  // namespace
 
 int CDevice::ValidateMemoryAccessParams(bool Read, U32 Addr, U32 nBytes, I8 AW, const U8* pData,
@@ -102,36 +132,17 @@ int CDevice::ReadMemItemWise(U32 Addr, U32 nBytes, I8 AW, U32 Flags, U8* paData,
 
 int CDevice::ReadMemChunkWise(U32 Addr, U32 nBytes, U32 ChunkSize, I8 AW, U32 Flags, U8* paData,
                               U8* paStatus) {
-  if (ChunkSize == 0 || ChunkSize > nBytes) {
-    ChunkSize = nBytes;
-  }
-  U32 NumChunks = (nBytes + ChunkSize - 1) / ChunkSize;
-  bool Progress = nBytes > kProgressLimit;
-  if (Progress) {
-    PostDeviceStringEvent(DEV_EVENT_PROGRESS_MSG, "Reading Memory...", 0);
-    if (NumChunks > 1) {
-      PostDeviceEvent(DEV_EVENT_PROGRESS_START, 0, NumChunks - 1);
-    }
-  }
-  int Total = 0;
-  for (U32 i = 0; i < NumChunks; ++i) {
-    U32 Offset = i * ChunkSize;
-    U32 n = std::min(ChunkSize, nBytes - Offset);
+  auto ReadChunk = [&](U32 Offset, U32 n) {
     int Read = ReadMemSimple(Addr + Offset, n, AW, Flags, paData + Offset, paStatus + Offset);
     if (Read < int(n) && (Flags & MEM_FLAG_ITEM_WISE_AFTER_SHORT)) {
       // Behind a hole the rest of the chunk may still be readable, one item at a time.
       Read += ReadMemItemWise(Addr + Offset + U32(Read), n - U32(Read), AW, Flags, paData + Offset + Read,
                               paStatus + Offset + Read);
     }
-    Total += Read;
-    if (Progress && NumChunks > 1) {
-      PostDeviceEvent(DEV_EVENT_PROGRESS_VALUE, i, 0);
-    }
-  }
-  if (Progress && _Halted.load()) {
-    PostDeviceEvent(DEV_EVENT_PROGRESS_END, 0, 0);
-  }
-  return Total;
+    return Read;
+  };
+  // A read that halted nothing leaves the progress to whoever shows the running target.
+  return _ForEachChunk(nBytes, ChunkSize, "Reading Memory...", ReadChunk, [this] { return _Halted.load(); });
 }
 
 int CDevice::ReadMem(U32 Addr, U32 nBytes, U32 ChunkSize, I8 AW, U32 Flags, U8* paData, U8* paStatus) {
@@ -196,35 +207,15 @@ int CDevice::WriteMemItemWise(U32 Addr, U32 nBytes, I8 AW, const U8* paData) {
 }
 
 int CDevice::WriteMemChunkWise(U32 Addr, U32 nBytes, U32 ChunkSize, I8 AW, U32 Flags, const U8* paData) {
-  if (ChunkSize == 0 || ChunkSize > nBytes) {
-    ChunkSize = nBytes;
-  }
-  U32 NumChunks = (nBytes + ChunkSize - 1) / ChunkSize;
-  bool Progress = nBytes > kProgressLimit;
-  if (Progress) {
-    PostDeviceStringEvent(DEV_EVENT_PROGRESS_MSG, "Writing Memory...", 0);
-    if (NumChunks > 1) {
-      PostDeviceEvent(DEV_EVENT_PROGRESS_START, 0, NumChunks - 1);
-    }
-  }
-  int Total = 0;
-  for (U32 i = 0; i < NumChunks; ++i) {
-    U32 Offset = i * ChunkSize;
-    U32 n = std::min(ChunkSize, nBytes - Offset);
+  auto WriteChunk = [&](U32 Offset, U32 n) {
     int Written = WriteMemSimple(Addr + Offset, n, AW, paData + Offset);
     if (Written < int(n) && (Flags & MEM_FLAG_ITEM_WISE_AFTER_SHORT)) {
       Written +=
           WriteMemItemWise(Addr + Offset + U32(Written), n - U32(Written), AW, paData + Offset + Written);
     }
-    Total += Written;
-    if (Progress && NumChunks > 1) {
-      PostDeviceEvent(DEV_EVENT_PROGRESS_VALUE, i, 0);
-    }
-  }
-  if (Progress) {
-    PostDeviceEvent(DEV_EVENT_PROGRESS_END, 0, 0);
-  }
-  return Total;
+    return Written;
+  };
+  return _ForEachChunk(nBytes, ChunkSize, "Writing Memory...", WriteChunk, [] { return true; });
 }
 
 int CDevice::WriteMem(U32 Addr, U32 nBytes, U32 ChunkSize, I8 AW, U32 Flags, const U8* paData) {
