@@ -34,6 +34,7 @@
 #include "app/tables/SettingsStore.h"
 #include "app/tables/SettingsTables.h"
 #include "debuginfo/ElfFile.h"
+#include "debuginfo/ProgramIndex.h"
 #include "device/Device.h"
 #include "device/DeviceDataProvider.h"
 #include "device/DeviceEvents.h"
@@ -115,6 +116,14 @@ CMainWindow::CMainWindow(bool BatchMode) : CWindow(nullptr, "MainWindow"), _Batc
   ConnectSettingsCommands(this, _pSettingsCommands);
   _PerspectiveState = 1;
   GetFileFinder().SetFolders(MakeDefaultFinderFolders(GetAppFolder()));
+  // Source files named by the debug information are found where this machine has them, and source
+  // locations typed in commands are echoed in their normal form once a program is loaded.
+  ELF_SetFileResolver([](const QString& sDwarfName) {
+    QString sPath = GetFileFinder().Resolve(sDwarfName);
+    return QFileInfo(sPath).isFile() ? sPath : QString();
+  });
+  SetSourceLocationNormalizer(
+      [](const QString& sText) { return ELF_IsLoaded() ? ELF_NormaliseSrcLocText(sText) : QString(); });
   CProject* pProject = CProject::Instance();
   connect(pProject, &CProject::Opened, this, &CMainWindow::OnProjectFileOpened);
   connect(pProject, &CProject::Closed, this, &CMainWindow::OnProjectFileClosed);
@@ -543,7 +552,7 @@ bool CMainWindow::_AskStopSession() {
 
 void CMainWindow::_CloseProgramFile() {
   if (_pProgramFile) {
-    ELF_Close(_pProgramFile);
+    ELF_Deinit();  // the program index owns the file
     _pProgramFile = nullptr;
   }
   _sProgramPath.clear();
@@ -630,12 +639,21 @@ int CMainWindow::_OpenDataFile(int Id, const QString& sPath) {
   // program replaces the one before, which the reader's file table needs closed first.
   ELF_SetLogCallback(LogElfMessage);
   _CloseProgramFile();
-  ELF_FILE* pFile = ELF_Open(QFile::encodeName(sPath).constData());
-  if (pFile == nullptr) {
+  if (ELF_Init(QFile::encodeName(sPath).constData()) < 0 || ELF_GetIndexedFile() == nullptr) {
     SetError(Id, "invalid program file", sPath);
     return -1;
   }
-  _pProgramFile = pFile;
+  _pProgramFile = ELF_GetIndexedFile();
+  ELF_INDEX_COUNTS Counts = ELF_GetIndexCounts();
+  LogMessage(
+      QString("Program index: %1 files, %2 line addresses, %3 functions, %4 globals, %5 types in %6 ms")
+          .arg(Counts.files)
+          .arg(Counts.lineAddrs)
+          .arg(Counts.functions)
+          .arg(Counts.globals)
+          .arg(Counts.types)
+          .arg(Counts.loadMs),
+      MSG_INFO | MSG_TO_STDOUT | MSG_TO_LOGFILE);
   _sProgramPath = sPath;
   CProject::Instance()->SetProgramFile(sPath);
   _UpdateTitle();
