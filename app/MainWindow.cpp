@@ -700,8 +700,7 @@ void CMainWindow::OnActionFileOpenTriggered() {
     SetError(Id, "not available", "source files are shown once the source viewer exists: " + sPath);
     return;
   }
-  LogMessage(QString("File.Open: completed in %1 ms").arg(Timer.elapsed()),
-             MSG_INFO | MSG_TO_STDOUT | MSG_TO_LOGFILE);
+  LogMessage(QString("File.Open: completed in %1 ms").arg(Timer.elapsed()), MSG_INFO | MSG_TO_ALL);
   GetFileFinder().LogSourceCounts();
 }
 
