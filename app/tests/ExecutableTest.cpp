@@ -172,6 +172,8 @@ TEST(Executable, OpeningAProgramLogsHowLongItsDebugInformationTook) {
   EXPECT_EQ(Run.ExitCode, 1);
   EXPECT_TRUE(Run.sOut.contains(QString("File.Open (\"%1\"): invalid program file: %1").arg(sCut)))
       << Run.sOut.toStdString();
+  EXPECT_TRUE(Run.sOut.contains("File.Open: completed in ")) << Run.sOut.toStdString();
+  EXPECT_TRUE(Run.sOut.contains("source file paths resolved")) << Run.sOut.toStdString();
   QFile Log(sLog);
   ASSERT_TRUE(Log.open(QIODevice::ReadOnly));
   QString sText = QString::fromUtf8(Log.readAll());
