@@ -161,7 +161,7 @@ def unit_source(rng, u, args):
         elif kind < 0.6:
             out.append(f"App{rng.randrange(args.app_structs)}_t g_U{u}App{g}[{rng.randint(1, 4)}];")
         elif kind < 0.8:
-            out.append(f"U{u}E{rng.randrange(args.local_enums)}_t g_U{u}Mode{g} = {0};")
+            out.append(f"U{u}E{rng.randrange(args.local_enums)}_t g_U{u}Mode{g} = 0;")
         else:
             out.append(f"static U{u}T{rng.randrange(args.local_typedefs)}_t s_U{u}Value{g};")
     out.append("")
@@ -243,12 +243,14 @@ def build(out_dir, sources, jobs, extra):
     for proc in running:
         if proc.wait() != 0:
             sys.exit(f"compile failed: {' '.join(proc.args)}")
-    link = ["arm-none-eabi-gcc", "-mcpu=cortex-m4", "-mthumb", "-nostdlib", "-T", "link.ld", "-o", "large.elf"]
+    link = ["arm-none-eabi-gcc", "-mcpu=cortex-m4", "-mthumb", "-nostdlib", "-T", "link.ld",
+            "-o", "large.elf"]
     subprocess.run(link + objs + ["-lgcc"], cwd=out_dir, check=True)
 
 
 def main():
-    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser = argparse.ArgumentParser(description=__doc__,
+                                     formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("out_dir")
     parser.add_argument("--units", type=int, default=300, help="translation units (default 300)")
     parser.add_argument("--funcs", type=int, default=40, help="functions per unit (default 40)")
