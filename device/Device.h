@@ -260,6 +260,7 @@ class CDevice : public QThread {
   void _SetErrorMsg(int Area, const QString& sText);
   int _NotAvailable(DEVICE_JOB* pJob);
   int _RunMemoryJob(DEVICE_JOB* pJob);
+  bool _CanAccessCPR(const ARM_CPR* pReg, const char* sWhat);
 
   // Device log messages, posted to the main thread as events.
   void _LogDebugMsg(const QString& sText);

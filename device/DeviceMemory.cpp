@@ -461,26 +461,30 @@ int CDevice::ReadRegs(U32 Cnt, const U32* paIdx, I64* paOut) {
   return 0;
 }
 
+// The checks a coprocessor access shares: a register, a connected and halted target, coprocessor 15
+// (the others are refused without a message). sWhat names the access in the messages.
+bool CDevice::_CanAccessCPR(const ARM_CPR* pReg, const char* sWhat) {
+  if (pReg == nullptr) {
+    return false;
+  }
+  if (!_Connected.load()) {
+    _LogDebugMsg(QString("%1: not connected").arg(sWhat));
+    return false;
+  }
+  if (!IsTargetHalted()) {
+    _LogDebugMsg(QString("%1: not halted").arg(sWhat));
+    return false;
+  }
+  return pReg->CoProc == 15;
+}
+
 int CDevice::ReadCPR(const ARM_CPR* pReg, I64* pOutValue) {
   if (pOutValue) {
     *pOutValue = -1;
   }
-  if (pReg == nullptr) {
-    return -1;
-  }
-  if (!_Connected.load()) {
-    _LogDebugMsg("ReadCPR: not connected");
-    return -1;
-  }
-  if (!IsTargetHalted()) {
-    _LogDebugMsg("ReadCPR: not halted");
-    return -1;
-  }
-  if (pReg->CoProc != 15) {
-    return -1;
-  }
   U32 Value = 0;
-  if (_Api().TARVIKARM_CP15_ReadEx(U8(pReg->CRn), U8(pReg->CRm), U8(pReg->Op1), U8(pReg->Op2), &Value) != 0) {
+  if (!_CanAccessCPR(pReg, "ReadCPR") ||
+      _Api().TARVIKARM_CP15_ReadEx(U8(pReg->CRn), U8(pReg->CRm), U8(pReg->Op1), U8(pReg->Op2), &Value) != 0) {
     return -1;
   }
   if (pOutValue) {
@@ -490,18 +494,7 @@ int CDevice::ReadCPR(const ARM_CPR* pReg, I64* pOutValue) {
 }
 
 int CDevice::WriteCPR(const ARM_CPR* pReg, U32 Value) {
-  if (pReg == nullptr) {
-    return -1;
-  }
-  if (!_Connected.load()) {
-    _LogDebugMsg("WriteCpReg: not connected");
-    return -1;
-  }
-  if (!IsTargetHalted()) {
-    _LogDebugMsg("WriteCpReg: not halted");
-    return -1;
-  }
-  if (pReg->CoProc != 15) {
+  if (!_CanAccessCPR(pReg, "WriteCpReg")) {
     return -1;
   }
   return _Api().TARVIKARM_CP15_WriteEx(U8(pReg->CRn), U8(pReg->CRm), U8(pReg->Op1), U8(pReg->Op2), Value) == 0
