@@ -6,6 +6,7 @@
 #include "app/base/Types.h"
 
 struct ELF_HASH_TABLE;
+struct ELF_DIE_INDEX;
 struct DWA_CONTEXT;
 struct DWA_SECTION;
 
@@ -71,19 +72,10 @@ struct ELF_DWARF_STATE {
   U32 returnAddrReg;
   U32 cieCount;
   U32 fdeCount;
-  ELF_HASH_TABLE* dieById;
-  ELF_HASH_TABLE* dieTags;
-  ELF_HASH_TABLE* dieParents;
-  ELF_HASH_TABLE* dieVisited;
-  ELF_HASH_TABLE* dieDecls;
-  ELF_HASH_TABLE* dieDefs;
+  ELF_DIE_INDEX* pDies;     // one record per DIE, the per-scope lists, the source files' units
+  ELF_HASH_TABLE* dieById;  // libdwarf DIEs fetched by queries, by DIE identifier
   ELF_HASH_TABLE* dieTypeNames;
   ELF_HASH_TABLE* dieNames;  // normalised base type names, by DIE identifier
-  ELF_HASH_TABLE* localVars;
-  ELF_HASH_TABLE* members;
-  ELF_HASH_TABLE* inheritance;
-  ELF_HASH_TABLE* srcFiles;
-  ELF_HASH_TABLE* typeUnits;  // type signature -> offset of the unit's type DIE
   ELF_ID_LIST globalVars;
   ELF_ID_LIST namespaces;
   ELF_ID_LIST namespaceExts;

@@ -3,14 +3,19 @@
 
 #include <dwarf.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <new>
+#include <string>
 
+#include "debuginfo/DwarfIndex.h"
 #include "debuginfo/DwarfTreeInternal.h"
 #include "debuginfo/ElfFile.h"
 #include "debuginfo/ElfHash.h"
+#include "debuginfo/IndexCache.h"
 
 /*********************************************************************
  * Growing lists
@@ -117,6 +122,9 @@ bool _IsDwarfSymbolHandle(ELF_SYM_HANDLE h) {
   return _GetSymbolHandleType(h) == ELF_HANDLE_DWARF;
 }
 
+static U64 _IdToOffset(U64 Id, bool* pIsInfo);
+static ELF_DIE _FetchDie(ELF_FILE* pFile, U64 Offset, bool IsInfo);
+
 bool _GetDwarfSymContext(ELF_SYM_HANDLE h, ELF_FILE** ppFile, ELF_DIE* pDie) {
   ELF_TRACE_HANDLE(h);
   *pDie = nullptr;
@@ -124,7 +132,9 @@ bool _GetDwarfSymContext(ELF_SYM_HANDLE h, ELF_FILE** ppFile, ELF_DIE* pDie) {
   U64 id = 0;
   if (!_IsDwarfSymbolHandle(h) || !_GetFile(h, &pFile) || !_GetSymID(h, &id))
     return false;
-  ELF_DIE die = (ELF_DIE)(uintptr_t)ELF_HashGet(pFile->dwarf.dieById, id);
+  bool isInfo = false;
+  U64 offset = _IdToOffset(id, &isInfo);
+  ELF_DIE die = _FetchDie(pFile, offset, isInfo);
   if (!die)
     return false;
   if (ppFile)
@@ -185,28 +195,29 @@ bool _IsTypeUnitDie(ELF_FILE*, ELF_DIE Die) {
   return Die && !DWA_IsInfo(Die);
 }
 
-static void _HashDieTag(ELF_FILE* pFile, U64 Id, U16 Tag) {
-  ELF_HashPut(_State(pFile)->dieTags, Id, Tag);
+static ELF_DIE_INDEX* _Dies(ELF_FILE* pFile) {
+  return _State(pFile)->pDies;
+}
+
+// The record of the DIE at an offset, or null when the walk did not see one there.
+static const DWS_RECORD* _RecordAt(ELF_FILE* pFile, U64 Offset, bool IsInfo) {
+  ELF_DIE_INDEX* d = _Dies(pFile);
+  if (!d)
+    return nullptr;
+  const DWS_SECTION_SCAN& scan = IsInfo ? d->info : d->types;
+  I64 i = DWS_FindRecord(scan, Offset);
+  return i < 0 ? nullptr : &scan.records[(size_t)i];
+}
+
+static const DWS_RECORD* _RecordOf(ELF_FILE* pFile, ELF_DIE Die) {
+  return Die ? _RecordAt(pFile, _GetDieOffset(pFile, Die), DWA_IsInfo(Die)) : nullptr;
 }
 
 U16 _GetDieType(ELF_FILE* pFile, ELF_DIE Die) {
   if (!Die)
     return ELF_TAG_NONE;
-  U64 id = _GetDieID(pFile, Die);
-  if (ELF_HashHas(_State(pFile)->dieTags, id))
-    return (U16)ELF_HashGet(_State(pFile)->dieTags, id);
-  U16 tag = DWA_GetTag(_Ctx(pFile), Die);
-  _HashDieTag(pFile, id, tag);
-  return tag;
-}
-
-// The tag of the DIE at an offset, from the table when it is known there.
-static U16 _GetTagAtOffset(ELF_FILE* pFile, U64 Offset, bool IsInfo) {
-  U64 id = _MakeDieID(Offset, IsInfo);
-  if (ELF_HashHas(_State(pFile)->dieTags, id))
-    return (U16)ELF_HashGet(_State(pFile)->dieTags, id);
-  ELF_DIE die = _GetDieAtOffset(pFile, Offset, IsInfo);
-  return die ? _GetDieType(pFile, die) : (U16)ELF_TAG_NONE;
+  const DWS_RECORD* pRec = _RecordOf(pFile, Die);
+  return pRec ? pRec->tag : DWA_GetTag(_Ctx(pFile), Die);
 }
 
 static bool _IsStored(ELF_FILE* pFile, ELF_DIE Die) {
@@ -214,27 +225,13 @@ static bool _IsStored(ELF_FILE* pFile, ELF_DIE Die) {
   return (ELF_DIE)(uintptr_t)ELF_HashGet(_State(pFile)->dieById, id) == Die;
 }
 
-// Stores a DIE under its identifier. 1 stored, 0 the identifier was already there.
-static int _HashDie(ELF_FILE* pFile, ELF_DIE Die) {
-  ELF_DWARF_STATE* s = _State(pFile);
-  U64 offset = _GetDieOffset(pFile, Die);
-  bool isInfo = DWA_IsInfo(Die);
-  U64 id = _MakeDieID(offset, isInfo);
-  if (ELF_HashHas(s->dieById, id))
-    return 0;
-  if (ELF_HashPut(s->dieById, id, (U64)(uintptr_t)Die) < 0)
-    return 0;
-  _GetDieType(pFile, Die);
-  DWA_VALUE Declaration;
-  if (DWA_GetAttr(_Ctx(pFile), Die, DW_AT_specification, &Declaration) == 1 && Declaration.Kind == DWA_VALUE_REFERENCE) {
-    ELF_HashPut(s->dieDefs, _MakeDieID(Declaration.u, isInfo), offset);
-    ELF_HashPut(s->dieDecls, id, Declaration.u);
-  }
-  return 1;
-}
-
 ELF_DIE _GetDieAtOffset(ELF_FILE* pFile, U64 Offset, bool IsInfo) {
   ELF_TRACE_DIE(Offset);
+  return _FetchDie(pFile, Offset, IsInfo);
+}
+
+// The stored DIE at an offset, fetched from libdwarf and stored on first use.
+static ELF_DIE _FetchDie(ELF_FILE* pFile, U64 Offset, bool IsInfo) {
   if (!pFile || !_Ctx(pFile))
     return nullptr;
   U64 id = _MakeDieID(Offset, IsInfo);
@@ -244,7 +241,8 @@ ELF_DIE _GetDieAtOffset(ELF_FILE* pFile, U64 Offset, bool IsInfo) {
   die = DWA_GetDieAtOffset(_Ctx(pFile), Offset, IsInfo);
   if (!die)
     return nullptr;
-  if (_GetDieOffset(pFile, die) != Offset || _HashDie(pFile, die) != 1) {
+  if (_GetDieOffset(pFile, die) != Offset ||
+      ELF_HashPut(_State(pFile)->dieById, id, (U64)(uintptr_t)die) < 0) {
     DWA_ReleaseDie(_Ctx(pFile), die);
     return nullptr;
   }
@@ -265,21 +263,13 @@ void _DeallocDie(ELF_FILE* pFile, ELF_DIE Die) {
 ELF_DIE _CreateChild(ELF_FILE* pFile, ELF_DIE Die) {
   if (!Die || !DWA_HasChildren(_Ctx(pFile), Die))
     return nullptr;
-  ELF_DIE child = DWA_GetChild(_Ctx(pFile), Die);
-  if (child)
-    ELF_HashPut(_State(pFile)->dieParents, _GetDieID(pFile, child), _GetDieOffset(pFile, Die));
-  return child;
+  return DWA_GetChild(_Ctx(pFile), Die);
 }
 
 ELF_DIE _CreateSibling(ELF_FILE* pFile, ELF_DIE Die) {
   if (!Die)
     return nullptr;
   ELF_DIE sibling = DWA_GetSibling(_Ctx(pFile), Die);
-  if (sibling) {
-    U64 parent = ELF_HashGet(_State(pFile)->dieParents, _GetDieID(pFile, Die));
-    if (parent)
-      ELF_HashPut(_State(pFile)->dieParents, _GetDieID(pFile, sibling), parent);
-  }
   _DeallocDie(pFile, Die);
   return sibling;
 }
@@ -309,9 +299,11 @@ ELF_DIE _GetReferenceDie(ELF_FILE* pFile, ELF_DIE Die, U16 Attr) {
   if (!_CreateDieAttrEx(pFile, Die, Attr, &v, 0))
     return nullptr;
   if (v.Kind == DWA_VALUE_SIGNATURE) {
-    U64 typeOffset = ELF_HashGet(_State(pFile)->typeUnits, v.u);
-    if (!typeOffset)
+    ELF_DIE_INDEX* d = _Dies(pFile);
+    auto it = d ? d->typeUnits.find(v.u) : std::unordered_map<U64, U64>::iterator();
+    if (!d || it == d->typeUnits.end())
       return nullptr;
+    U64 typeOffset = it->second;
     bool isInfo = false;
     U64 offset = _IdToOffset(typeOffset, &isInfo);
     return _GetDieAtOffset(pFile, offset, isInfo);
@@ -400,8 +392,9 @@ ELF_DIE _GetDefinitionDie(ELF_FILE* pFile, ELF_DIE Die) {
   bool hasSize = DWA_GetAttr(_Ctx(pFile), Die, DW_AT_byte_size, &v) == 1;
   if (!isDecl && hasSize)
     return nullptr;
-  U64 id = _GetDieID(pFile, Die);
-  U64 offset = ELF_HashGet(_State(pFile)->dieDefs, id);
+  ELF_DIE_INDEX* d = _Dies(pFile);
+  auto it = d ? d->defs.find(_GetDieID(pFile, Die)) : std::unordered_map<U64, U64>::iterator();
+  U64 offset = d && it != d->defs.end() ? it->second : 0;
   if (offset == 0)
     return nullptr;
   if (offset == _GetDieOffset(pFile, Die))
@@ -410,7 +403,8 @@ ELF_DIE _GetDefinitionDie(ELF_FILE* pFile, ELF_DIE Die) {
 }
 
 U64 _GetDeclDieOff(ELF_FILE* pFile, ELF_DIE Die) {
-  return Die ? ELF_HashGet(_State(pFile)->dieDecls, _GetDieID(pFile, Die)) : 0;
+  const DWS_RECORD* pRec = _RecordOf(pFile, Die);
+  return pRec && (pRec->flags & DWS_SPEC) && !(pRec->flags & DWS_EXTENSION) ? pRec->spec : 0;
 }
 
 ELF_DIE _GetAbstractInstanceOf(ELF_FILE* pFile, ELF_DIE Die) {
@@ -481,14 +475,19 @@ static bool _TagIn(U16 Tag, const U16* paTags, int n) {
 
 // The nearest ancestor (by the parent table) whose tag is in the set, as an offset; 0 if none.
 static U64 _FindAncestorOff(ELF_FILE* pFile, U64 Offset, bool IsInfo, const U16* paTags, int n) {
-  U64 parent = ELF_HashGet(_State(pFile)->dieParents, _MakeDieID(Offset, IsInfo));
-  for (int step = 0; parent && step < kMaxAncestorSteps; step++) {
-    if (_TagIn(_GetTagAtOffset(pFile, parent, IsInfo), paTags, n))
-      return parent;
-    U64 next = ELF_HashGet(_State(pFile)->dieParents, _MakeDieID(parent, IsInfo));
-    if (next == parent)
-      break;
-    parent = next;
+  ELF_DIE_INDEX* d = _Dies(pFile);
+  if (!d)
+    return 0;
+  const DWS_SECTION_SCAN& scan = IsInfo ? d->info : d->types;
+  I64 i = DWS_FindRecord(scan, Offset);
+  // Parents always stand before their children, so the walk up ends.
+  U32 parent = i < 0 ? kDwsNoParent : scan.records[(size_t)i].parent;
+  while (parent != kDwsNoParent && parent < (U32)i) {
+    const DWS_RECORD& rec = scan.records[parent];
+    if (_TagIn(rec.tag, paTags, n))
+      return rec.offset;
+    i = parent;
+    parent = rec.parent;
   }
   return 0;
 }
@@ -503,8 +502,12 @@ static const U16 _aNamespaceTags[] = {ELF_TAG_NAMESPACE};
 ELF_DIE _GetParentDie(ELF_FILE* pFile, ELF_DIE Die) {
   if (!Die)
     return nullptr;
-  U64 parent = ELF_HashGet(_State(pFile)->dieParents, _GetDieID(pFile, Die));
-  return parent ? _GetDieAtOffset(pFile, parent, DWA_IsInfo(Die)) : nullptr;
+  const DWS_RECORD* pRec = _RecordOf(pFile, Die);
+  if (!pRec || pRec->parent == kDwsNoParent)
+    return nullptr;
+  ELF_DIE_INDEX* d = _Dies(pFile);
+  const DWS_SECTION_SCAN& scan = DWA_IsInfo(Die) ? d->info : d->types;
+  return _GetDieAtOffset(pFile, scan.records[pRec->parent].offset, DWA_IsInfo(Die));
 }
 
 U64 _GetDieAncestorOff(ELF_FILE* pFile, ELF_DIE Die) {
@@ -602,206 +605,171 @@ bool _IsStaticDie(ELF_FILE* pFile, ELF_DIE Die) {
 
 /*********************************************************************
  * The walk
+ *
+ * The DIE scanner records every DIE; the classification below then files each one into the lists
+ * and per-scope tables, by the same rules a DIE-by-DIE walk would apply.
  */
 
-typedef int (*ELF_DIE_HANDLER)(ELF_FILE* pFile, ELF_DIE Die, U16 Tag, bool IsInfo, U64 ParentOff,
-                               I64 EnclosingFunc, int Level);
-
-static int _InsertGlobalVar(ELF_FILE* pFile, ELF_DIE Die, U16 Tag, bool IsInfo, U64, I64 EnclosingFunc, int) {
-  if (Tag != ELF_TAG_VARIABLE || EnclosingFunc >= 0)
-    return 0;
-  if (_HasNonZero(pFile, Die, DW_AT_declaration) || _HasNonZero(pFile, Die, DW_AT_artificial))
-    return 0;
-  _ListAppend(&_State(pFile)->globalVars, _GetDieID(pFile, Die));
-  return 1;
-}
-
-static int _InsertFunc(ELF_FILE* pFile, ELF_DIE Die, U16 Tag, bool, U64, I64, int) {
-  if (Tag != ELF_TAG_SUBPROGRAM)
-    return 0;
-  if (_HasNonZero(pFile, Die, DW_AT_declaration) || _HasNonZero(pFile, Die, DW_AT_artificial))
-    return 0;
-  _ListAppend(&_State(pFile)->functions, _GetDieID(pFile, Die));
-  return 1;
-}
-
-static int _InsertInlineFunc(ELF_FILE* pFile, ELF_DIE Die, U16 Tag, bool, U64, I64, int) {
-  if (Tag != ELF_TAG_INLINED_SUBROUTINE)
-    return 0;
-  if (_HasNonZero(pFile, Die, DW_AT_declaration) || _HasNonZero(pFile, Die, DW_AT_artificial))
-    return 0;
-  _ListAppend(&_State(pFile)->inlineFuncs, _GetDieID(pFile, Die));
-  return 1;
-}
-
-static int _InsertType(ELF_FILE* pFile, ELF_DIE Die, U16 Tag, bool, U64, I64, int) {
-  if (Tag != ELF_TAG_TYPEDEF) {
-    if (Tag != ELF_TAG_CLASS && Tag != ELF_TAG_ENUMERATION && Tag != ELF_TAG_STRUCTURE &&
-        Tag != ELF_TAG_UNION) {
-      return 0;
+void ELF_SCOPE_MAP::Build(std::vector<std::pair<U64, U64>>* pPairs) {
+  Clear();
+  std::stable_sort(
+      pPairs->begin(), pPairs->end(),
+      [](const std::pair<U64, U64>& a, const std::pair<U64, U64>& b) { return a.first < b.first; });
+  values.reserve(pPairs->size());
+  for (const auto& [key, value] : *pPairs) {
+    if (keys.empty() || keys.back() != key) {
+      keys.push_back(key);
+      starts.push_back((U32)values.size());
     }
-    if (_HasNonZero(pFile, Die, DW_AT_declaration) || _HasNonZero(pFile, Die, DW_AT_artificial))
-      return 0;
-    if (!_HasNonZero(pFile, Die, DW_AT_byte_size))
-      return 0;
+    values.push_back(value);
   }
-  _ListAppend(&_State(pFile)->types, _GetDieID(pFile, Die));
-  return 1;
+  starts.push_back((U32)values.size());
+  pPairs->clear();
+  pPairs->shrink_to_fit();
 }
 
-static int _InsertNamespace(ELF_FILE* pFile, ELF_DIE Die, U16 Tag, bool, U64, I64, int) {
-  if (Tag != ELF_TAG_NAMESPACE)
-    return 0;
-  _ListAppend(&_State(pFile)->namespaces, _GetDieID(pFile, Die));
-  return 1;
+const U64* ELF_SCOPE_MAP::Get(U64 Key, U32* pn) const {
+  *pn = 0;
+  auto it = std::lower_bound(keys.begin(), keys.end(), Key);
+  if (it == keys.end() || *it != Key)
+    return nullptr;
+  size_t i = (size_t)(it - keys.begin());
+  *pn = starts[i + 1] - starts[i];
+  return values.data() + starts[i];
 }
 
-static int _InsertNamespaceExt(ELF_FILE* pFile, ELF_DIE Die, U16 Tag, bool, U64, I64, int) {
-  if (Tag != ELF_TAG_NAMESPACE || !_HasNonZero(pFile, Die, DW_AT_extension))
-    return 0;
-  _ListAppend(&_State(pFile)->namespaceExts, _GetDieID(pFile, Die));
-  return 1;
-}
+namespace {
 
-static int _InsertMember(ELF_FILE* pFile, ELF_DIE Die, U16 Tag, bool IsInfo, U64 ParentOff, I64, int) {
-  if (Tag != ELF_TAG_MEMBER && Tag != ELF_TAG_SUBPROGRAM && Tag != ELF_TAG_ENUMERATOR)
-    return 0;
-  if (ParentOff < 1)
-    return 0;
-  U16 parentTag = _GetTagAtOffset(pFile, ParentOff, IsInfo);
-  if (parentTag != ELF_TAG_CLASS && parentTag != ELF_TAG_STRUCTURE && parentTag != ELF_TAG_UNION &&
-      parentTag != ELF_TAG_ENUMERATION) {
-    return 0;
-  }
-  if (_HasNonZero(pFile, Die, DW_AT_artificial))
-    return 0;
-  ELF_DIE def = _GetDefinitionDie(pFile, Die);
-  U64 parentId = _MakeDieID(ParentOff, IsInfo);
-  ELF_HashAdd(_State(pFile)->members, parentId, def ? _GetDieID(pFile, def) : _GetDieID(pFile, Die));
-  return def && def != Die ? 0 : 1;
-}
-
-static int _InsertLocalVar(ELF_FILE* pFile, ELF_DIE Die, U16 Tag, bool IsInfo, U64, I64 EnclosingFunc, int) {
-  if ((Tag != ELF_TAG_VARIABLE && Tag != ELF_TAG_FORMAL_PARAMETER) || EnclosingFunc < 0)
-    return 0;
-  if (_HasNonZero(pFile, Die, DW_AT_declaration))
-    return 0;
-  ELF_HashAdd(_State(pFile)->localVars, _MakeDieID((U64)EnclosingFunc, IsInfo), _GetDieID(pFile, Die));
-  return 1;
-}
-
-static int _InsertInheritance(ELF_FILE* pFile, ELF_DIE Die, U16 Tag, bool IsInfo, U64 ParentOff, I64, int) {
-  if (Tag != ELF_TAG_INHERITANCE || ParentOff < 1 || _HasNonZero(pFile, Die, DW_AT_artificial))
-    return 0;
-  ELF_HashAdd(_State(pFile)->inheritance, _MakeDieID(ParentOff, IsInfo), _GetDieID(pFile, Die));
-  return 1;
-}
-
-static const ELF_DIE_HANDLER _apTypeUnitHandlers[] = {_InsertType, _InsertMember, _InsertInheritance};
-static const ELF_DIE_HANDLER _apCompUnitHandlers[] = {
-    _InsertGlobalVar,    _InsertFunc,   _InsertInlineFunc, _InsertType,        _InsertNamespace,
-    _InsertNamespaceExt, _InsertMember, _InsertLocalVar,   _InsertInheritance,
+struct CLASSIFIER {
+  ELF_FILE* pFile;
+  ELF_DIE_INDEX* d;
+  std::vector<std::pair<U64, U64>> locals, members, inheritance;
 };
 
-struct WALK_FRAME {
-  ELF_DIE die;
-  U64 offset;
-  U16 tag;
-  bool owned;  // the walker must release the DIE when it leaves it
-};
+const DWS_RECORD* _RecordIn(const DWS_SECTION_SCAN& Scan, U64 Offset) {
+  I64 i = DWS_FindRecord(Scan, Offset);
+  return i < 0 ? nullptr : &Scan.records[(size_t)i];
+}
 
-// Visits every DIE of a unit in DIE order (depth first), calls the handlers once per DIE, records
-// parent links and keeps what a handler asked for. Returns the number of DIEs, or -1 when the unit's
-// tree is broken (what was visited so far stays recorded).
-static I64 _WalkCUDieTree(ELF_FILE* pFile, ELF_DIE Root, const ELF_DIE_HANDLER* paHandlers, int NumHandlers,
-                          U64 UnitEnd) {
-  ELF_DWARF_STATE* s = _State(pFile);
-  bool isInfo = DWA_IsInfo(Root);
-  U32 capacity = 4, depth = 0;
-  WALK_FRAME* paStack = (WALK_FRAME*)malloc(sizeof(WALK_FRAME) * capacity);
-  if (!paStack)
-    return -1;
-  I64 count = 0;
-  bool broken = false;
-  ELF_DIE die = Root;
-  U64 lastOffset = 0;
-  while (die) {
-    U64 offset = _GetDieOffset(pFile, die);
-    // Each DIE takes at least one byte, so offsets only grow; anything else is corrupt data that
-    // must not make the walk go round.
-    if ((count > 0 && offset <= lastOffset) || offset >= UnitEnd) {
-      if (die != Root)
-        _DeallocDie(pFile, die);
-      broken = true;
-      break;
-    }
-    lastOffset = offset;
-    count++;
-    U64 id = _MakeDieID(offset, isInfo);
-    U16 tag = _GetDieType(pFile, die);
-    U64 parentOff = depth ? paStack[depth - 1].offset : 0;
+// The definition of a declaration (a member function defined out of line): its offset, or 0.
+U64 _RecordDefinition(const ELF_DIE_INDEX* d, const DWS_RECORD& Rec, bool IsInfo) {
+  if (!(Rec.flags & DWS_DECL_SET) && (Rec.flags & DWS_SIZE))
+    return 0;
+  auto it = d->defs.find(_MakeDieID(Rec.offset, IsInfo));
+  return it == d->defs.end() ? 0 : it->second;
+}
+
+// Whether an attribute has a non-zero value on the DIE or, when the DIE lacks it, on its
+// declaration, its abstract origin (followed further) or its definition.
+bool _RecordHasNonZero(const ELF_DIE_INDEX* d, const DWS_SECTION_SCAN& Scan, bool IsInfo,
+                       const DWS_RECORD& Rec, U16 Present, U16 Set, int Depth) {
+  if (Depth > kMaxAttrDepth)
+    return false;
+  if (Rec.flags & Present)
+    return (Rec.flags & Set) != 0;
+  if (Rec.tag == ELF_TAG_NAMESPACE)
+    return false;
+  if ((Rec.flags & DWS_SPEC) && !(Rec.flags & DWS_EXTENSION) && Rec.spec) {
+    const DWS_RECORD* pDecl = _RecordIn(Scan, Rec.spec);
+    if (pDecl && pDecl != &Rec && (pDecl->flags & Present))
+      return (pDecl->flags & Set) != 0;
+  }
+  if ((Rec.flags & DWS_ORIGIN) && Rec.origin) {
+    const DWS_RECORD* pOrigin = _RecordIn(Scan, Rec.origin);
+    if (pOrigin && pOrigin != &Rec)
+      return _RecordHasNonZero(d, Scan, IsInfo, *pOrigin, Present, Set, Depth + 1);
+  }
+  U64 def = _RecordDefinition(d, Rec, IsInfo);
+  const DWS_RECORD* pDef = def && def != Rec.offset ? _RecordIn(Scan, def) : nullptr;
+  return pDef && (pDef->flags & Present) && (pDef->flags & Set);
+}
+
+bool _IsTypeParentTag(U16 Tag) {
+  return Tag == ELF_TAG_CLASS || Tag == ELF_TAG_STRUCTURE || Tag == ELF_TAG_UNION ||
+         Tag == ELF_TAG_ENUMERATION;
+}
+
+// Files the DIEs of one unit. Type units hold only types, their members and base classes.
+void _ClassifyUnit(CLASSIFIER* c, const DWS_SECTION_SCAN& Scan, const DWS_UNIT& Unit, bool IsInfo) {
+  ELF_DWARF_STATE* s = _State(c->pFile);
+  const ELF_DIE_INDEX* d = c->d;
+  std::vector<I64> enclosing(Unit.recordCount, -1);  // offset of the innermost enclosing function
+  for (U32 k = 0; k < Unit.recordCount; k++) {
+    const DWS_RECORD& rec = Scan.records[Unit.firstRecord + k];
     I64 enclosingFunc = -1;
-    for (U32 i = depth; i-- > 0;) {
-      if (paStack[i].tag == ELF_TAG_SUBPROGRAM || paStack[i].tag == ELF_TAG_INLINED_SUBROUTINE) {
-        enclosingFunc = (I64)paStack[i].offset;
+    U64 parentOff = 0;
+    U16 parentTag = ELF_TAG_NONE;
+    if (rec.parent != kDwsNoParent) {
+      const DWS_RECORD& parent = Scan.records[rec.parent];
+      parentOff = parent.offset;
+      parentTag = parent.tag;
+      enclosingFunc = parent.tag == ELF_TAG_SUBPROGRAM || parent.tag == ELF_TAG_INLINED_SUBROUTINE
+                          ? (I64)parent.offset
+                          : enclosing[rec.parent - Unit.firstRecord];
+    }
+    enclosing[k] = enclosingFunc;
+    U64 id = _MakeDieID(rec.offset, IsInfo);
+    bool declared = rec.flags & DWS_DECL_SET;
+    auto artificial = [&] {
+      return _RecordHasNonZero(d, Scan, IsInfo, rec, DWS_ARTIFICIAL, DWS_ARTIFICIAL_SET, 0);
+    };
+    bool isMemberTag =
+        rec.tag == ELF_TAG_MEMBER || rec.tag == ELF_TAG_SUBPROGRAM || rec.tag == ELF_TAG_ENUMERATOR;
+    if (isMemberTag && parentOff && _IsTypeParentTag(parentTag) && !artificial()) {
+      U64 def = _RecordDefinition(d, rec, IsInfo);
+      c->members.push_back({_MakeDieID(parentOff, IsInfo), def ? _MakeDieID(def, IsInfo) : id});
+    }
+    if (rec.tag == ELF_TAG_INHERITANCE && parentOff && !artificial())
+      c->inheritance.push_back({_MakeDieID(parentOff, IsInfo), id});
+    switch (rec.tag) {
+      case ELF_TAG_TYPEDEF:
+        _ListAppend(&s->types, id);
         break;
-      }
-    }
-    bool keep = false;
-    if (!ELF_HashHas(s->dieVisited, id)) {
-      for (int h = 0; h < NumHandlers; h++) {
-        if (paHandlers[h](pFile, die, tag, isInfo, parentOff, enclosingFunc, (int)depth))
-          keep = true;
-      }
-      ELF_HashPut(s->dieVisited, id, 1);
-    }
-    if (parentOff)
-      ELF_HashPut(s->dieParents, id, parentOff);
-    bool owned = false;
-    if (die != Root)
-      owned = !(keep && _HashDie(pFile, die) == 1);
-
-    ELF_DIE child = DWA_HasChildren(_Ctx(pFile), die) ? DWA_GetChild(_Ctx(pFile), die) : nullptr;
-    if (child) {
-      if (depth == capacity) {
-        WALK_FRAME* p = (WALK_FRAME*)realloc(paStack, sizeof(WALK_FRAME) * capacity * 2);
-        if (!p) {
-          DWA_ReleaseDie(_Ctx(pFile), child);
-          if (owned)
-            DWA_ReleaseDie(_Ctx(pFile), die);
-          broken = true;
-          break;
+      case ELF_TAG_CLASS:
+      case ELF_TAG_ENUMERATION:
+      case ELF_TAG_STRUCTURE:
+      case ELF_TAG_UNION:
+        if (!declared && !artificial() &&
+            _RecordHasNonZero(d, Scan, IsInfo, rec, DWS_SIZE, DWS_SIZE_SET, 0)) {
+          _ListAppend(&s->types, id);
         }
-        paStack = p;
-        capacity *= 2;
-      }
-      paStack[depth++] = {die, offset, tag, owned};
-      die = child;
-      continue;
-    }
-    ELF_DIE next = die != Root ? DWA_GetSibling(_Ctx(pFile), die) : nullptr;
-    if (owned)
-      DWA_ReleaseDie(_Ctx(pFile), die);
-    while (!next && depth > 0) {
-      WALK_FRAME frame = paStack[--depth];
-      if (frame.die != Root)
-        next = DWA_GetSibling(_Ctx(pFile), frame.die);
-      if (frame.owned)
-        DWA_ReleaseDie(_Ctx(pFile), frame.die);
-      if (frame.die == Root)
+        break;
+      default:
         break;
     }
-    die = next;
+    if (Unit.isTypeUnit)
+      continue;
+    switch (rec.tag) {
+      case ELF_TAG_VARIABLE:
+        if (enclosingFunc >= 0 && !declared)
+          c->locals.push_back({_MakeDieID((U64)enclosingFunc, IsInfo), id});
+        else if (enclosingFunc < 0 && !declared && !artificial())
+          _ListAppend(&s->globalVars, id);
+        break;
+      case ELF_TAG_FORMAL_PARAMETER:
+        if (enclosingFunc >= 0 && !declared)
+          c->locals.push_back({_MakeDieID((U64)enclosingFunc, IsInfo), id});
+        break;
+      case ELF_TAG_SUBPROGRAM:
+        if (!declared && !artificial())
+          _ListAppend(&s->functions, id);
+        break;
+      case ELF_TAG_INLINED_SUBROUTINE:
+        if (!declared && !artificial())
+          _ListAppend(&s->inlineFuncs, id);
+        break;
+      case ELF_TAG_NAMESPACE:
+        _ListAppend(&s->namespaces, id);
+        if (rec.flags & DWS_EXTENSION)
+          _ListAppend(&s->namespaceExts, id);
+        break;
+      default:
+        break;
+    }
   }
-  // A broken walk may leave frames behind.
-  while (depth > 0) {
-    WALK_FRAME frame = paStack[--depth];
-    if (frame.owned)
-      DWA_ReleaseDie(_Ctx(pFile), frame.die);
-  }
-  free(paStack);
-  return broken ? -1 : count;
 }
+
+}  // namespace
 
 static void _UpdateLanguage(ELF_FILE* pFile, ELF_DIE CuDie) {
   DWA_VALUE v;
@@ -835,14 +803,6 @@ static void _UpdateLanguage(ELF_FILE* pFile, ELF_DIE CuDie) {
     _State(pFile)->srcLanguage = ELF_SRC_LANG_CPP;
 }
 
-static int _ParseDebugInfoForCU(ELF_FILE* pFile, ELF_DIE CuDie, bool IsTypeUnit, U64 UnitEnd) {
-  I64 n = IsTypeUnit ? _WalkCUDieTree(pFile, CuDie, _apTypeUnitHandlers, 3, UnitEnd)
-                     : _WalkCUDieTree(pFile, CuDie, _apCompUnitHandlers, 9, UnitEnd);
-  if (!IsTypeUnit)
-    _UpdateLanguage(pFile, CuDie);
-  return n < 0 ? -1 : 0;
-}
-
 static void _RecordSourceFiles(ELF_FILE* pFile, ELF_DIE CuDie, ELF_CU_INFO* pCu) {
   ELF_DWARF_STATE* s = _State(pFile);
   char** paNames = nullptr;
@@ -851,22 +811,18 @@ static void _RecordSourceFiles(ELF_FILE* pFile, ELF_DIE CuDie, ELF_CU_INFO* pCu)
     return;
   if (DWA_GetSrcFiles(_Ctx(pFile), CuDie, &paNames, &n) != 0)
     return;
+  U64 unitId = _GetDieID(pFile, CuDie);
   for (U32 i = 0; i < n; i++) {
     const char* sName = paNames[i];
     if (strstr(sName, "<built-in>") || strstr(sName, "<stdin>"))
       continue;
-    U32 key = ELF_Djb2Hash(sName);
-    ELF_HASH_RECORD* pRecord = (ELF_HASH_RECORD*)(uintptr_t)ELF_HashGet(s->srcFiles, key);
-    bool isNew = pRecord == nullptr;
+    auto [it, isNew] = s->pDies->srcFileUnits.try_emplace(ELF_Djb2Hash(sName));
     // A unit that names a file twice (DWARF 5 lists the primary file as 0 and 1) counts once.
-    if (!isNew && pRecord->n > 0 && pRecord->items[pRecord->n - 1] == _GetDieID(pFile, CuDie))
+    if (!it->second.empty() && it->second.back() == unitId)
       continue;
-    if (ELF_RecordAppend(&pRecord, _GetDieID(pFile, CuDie)) < 0)
-      continue;
-    if (isNew) {
-      ELF_HashPut(s->srcFiles, key, (U64)(uintptr_t)pRecord);
+    it->second.push_back(unitId);
+    if (isNew)
       _StringListAppend(&s->srcFileNames, sName);
-    }
   }
   pCu->fileNames = paNames;
   pCu->fileCount = n;
@@ -939,36 +895,12 @@ static long _Ms(clock_t Start, clock_t End) {
 
 static int _CreateTables(ELF_FILE* pFile) {
   ELF_DWARF_STATE* s = _State(pFile);
-  I64 debugBytes = 0;
-  int info = ELF_GetSectionIdx(pFile, ".debug_info");
-  int types = ELF_GetSectionIdx(pFile, ".debug_types");
-  // Only sections whose bytes are in the file count: a corrupt size must not size the tables.
-  if (info >= 0 && ELF_GetSectionBytes(pFile, (U32)info))
-    debugBytes += pFile->shdrs[info].sh_size;
-  if (types >= 0 && ELF_GetSectionBytes(pFile, (U32)types))
-    debugBytes += pFile->shdrs[types].sh_size;
-  I32 size = ELF_NextHashSize(debugBytes ? debugBytes : 16384) / 16;
-  if (size == 0)
-    size = 1021;
-  s->dieById = ELF_HashCreate(size, 8, ELF_HASH_DIES);
-  s->dieTags = ELF_HashCreate(size, 8, ELF_HASH_PLAIN);
-  s->dieParents = ELF_HashCreate(size, 8, ELF_HASH_PLAIN);
-  s->dieVisited = ELF_HashCreate(size, 8, ELF_HASH_PLAIN);
-  s->dieDecls = ELF_HashCreate(size, 8, ELF_HASH_PLAIN);
-  s->dieDefs = ELF_HashCreate(size, 8, ELF_HASH_PLAIN);
-  s->dieTypeNames = ELF_HashCreate(size, 8, ELF_HASH_STRINGS);
+  s->pDies = new (std::nothrow) ELF_DIE_INDEX;
+  s->dieById = ELF_HashCreate(4093, 8, ELF_HASH_DIES);
+  s->dieTypeNames = ELF_HashCreate(4093, 8, ELF_HASH_STRINGS);
   s->dieNames = ELF_HashCreate(97, 8, ELF_HASH_STRINGS);
-  s->localVars = ELF_HashCreate(size, 1024, ELF_HASH_PLAIN);
-  s->members = ELF_HashCreate(size, 1024, ELF_HASH_PLAIN);
-  s->inheritance = ELF_HashCreate(size, 1024, ELF_HASH_PLAIN);
-  s->srcFiles = ELF_HashCreate(20000, 1, ELF_HASH_RECORDS);
-  s->typeUnits = ELF_HashCreate(97, 8, ELF_HASH_PLAIN);
   s->lineFileIdx = ELF_HashCreate(997, 8, ELF_HASH_PLAIN);
-  return s->dieById && s->dieTags && s->dieParents && s->dieVisited && s->dieDecls && s->dieDefs &&
-                 s->dieTypeNames && s->dieNames && s->localVars && s->members && s->inheritance &&
-                 s->srcFiles && s->typeUnits && s->lineFileIdx
-             ? 0
-             : -1;
+  return s->pDies && s->dieById && s->dieTypeNames && s->dieNames && s->lineFileIdx ? 0 : -1;
 }
 
 // The table headers of a DWARF 5 .debug_rnglists or .debug_loclists section. libdwarf 20210528
@@ -1041,47 +973,55 @@ static int _StartLibdwarf(ELF_FILE* pFile) {
   return DWA_Init(s->paSections, n, bigEndian, _OnLibdwarfError, pFile, &s->pDwarf);
 }
 
-static void _ParseUnits(ELF_FILE* pFile, bool IsInfo, bool TypeUnitsOnly, long* pTypeMs, long* pInfoMs,
-                        long* pFileMs, long* pLineMs) {
+// Scans one section into its records; problems are logged, the records found stay.
+static void _ScanSection(ELF_FILE* pFile, const char* sSection, bool IsTypes, DWS_SECTION_SCAN* pScan) {
+  int section = ELF_GetSectionIdx(pFile, sSection);
+  int abbrev = ELF_GetSectionIdx(pFile, ".debug_abbrev");
+  const U8* pData = section >= 0 ? ELF_GetSectionBytes(pFile, (U32)section) : nullptr;
+  if (!pData)
+    return;
+  const U8* pAbbrev = abbrev >= 0 ? ELF_GetSectionBytes(pFile, (U32)abbrev) : nullptr;
+  std::vector<std::string> problems;
+  DWS_ScanSection(pData, pFile->shdrs[section].sh_size, pAbbrev, pAbbrev ? pFile->shdrs[abbrev].sh_size : 0,
+                  pFile->data[5] == 2, IsTypes, pScan, &problems);
+  for (const std::string& problem : problems)
+    ELF_Log(ELF_LOG_MESSAGE, "%s: %s: %s", pFile->sPath, sSection, problem.c_str());
+}
+
+// Files the units of one section: type units, or compile units with their source files and lines.
+static void _ParseUnits(ELF_FILE* pFile, CLASSIFIER* c, bool IsInfo, bool TypeUnitsOnly, long* pTypeMs,
+                        long* pInfoMs, long* pFileMs, long* pLineMs) {
   ELF_DWARF_STATE* s = _State(pFile);
-  DWA_UNIT unit;
-  U64 lastHeader = 0;
-  bool first = true;
-  for (;;) {
-    int r = DWA_NextUnit(_Ctx(pFile), IsInfo, &unit);
-    if (r <= 0)
-      break;
-    if (!first && unit.HeaderOffset <= lastHeader)
-      break;  // libdwarf wrapped round
-    first = false;
-    lastHeader = unit.HeaderOffset;
-    if (TypeUnitsOnly != unit.IsTypeUnit)
+  const DWS_SECTION_SCAN& scan = IsInfo ? c->d->info : c->d->types;
+  for (const DWS_UNIT& unit : scan.units) {
+    if (TypeUnitsOnly != unit.isTypeUnit || unit.recordCount == 0)
       continue;
     clock_t start = clock();
-    ELF_DIE root = _GetDieAtOffset(pFile, unit.RootOffset, IsInfo);
+    ELF_DIE root = _GetDieAtOffset(pFile, unit.rootOffset, IsInfo);
     if (!root) {
       ELF_Log(ELF_LOG_MESSAGE, "%s: no DIE at offset 0x%llX of unit 0x%llX.", pFile->sPath,
-              (unsigned long long)unit.RootOffset, (unsigned long long)unit.HeaderOffset);
+              (unsigned long long)unit.rootOffset, (unsigned long long)unit.headerOffset);
       continue;
     }
     s->cuCount++;
-    if (unit.IsTypeUnit) {
-      ELF_HashPut(s->typeUnits, unit.Signature, _MakeDieID(unit.TypeOffset, IsInfo));
-      _ParseDebugInfoForCU(pFile, root, true, unit.NextHeaderOffset);
+    _ClassifyUnit(c, scan, unit, IsInfo);
+    if (unit.isTypeUnit) {
+      c->d->typeUnits[unit.signature] = _MakeDieID(unit.typeOffset, IsInfo);
       *pTypeMs += _Ms(start, clock());
       continue;
     }
-    if (unit.Version > s->dwarfVersion)
-      s->dwarfVersion = unit.Version;
+    if (unit.version > s->dwarfVersion)
+      s->dwarfVersion = unit.version;
     _ListAppend(&s->compUnits, _GetDieID(pFile, root));
-    if (_ParseDebugInfoForCU(pFile, root, false, unit.NextHeaderOffset) < 0) {
+    if (unit.broken) {
       ELF_Log(ELF_LOG_MESSAGE, "Could not parse debug info for compilation unit.");
       ELF_Log(ELF_LOG_MESSAGE, "%s: unit at offset 0x%llX.", pFile->sPath,
-              (unsigned long long)unit.HeaderOffset);
+              (unsigned long long)unit.headerOffset);
     }
+    _UpdateLanguage(pFile, root);
     clock_t afterInfo = clock();
     *pInfoMs += _Ms(start, afterInfo);
-    ELF_CU_INFO* pCu = _AddCuInfo(pFile, unit.RootOffset, unit.Version);
+    ELF_CU_INFO* pCu = _AddCuInfo(pFile, unit.rootOffset, unit.version);
     if (!pCu)
       continue;
     _RecordSourceFiles(pFile, root, pCu);
@@ -1092,64 +1032,99 @@ static void _ParseUnits(ELF_FILE* pFile, bool IsInfo, bool TypeUnitsOnly, long* 
   }
 }
 
+// Definitions by declaration: a DIE with DW_AT_specification defines the DIE it names.
+static void _BuildDefinitions(ELF_DIE_INDEX* d) {
+  for (bool isInfo : {false, true}) {
+    for (const DWS_RECORD& rec : isInfo ? d->info.records : d->types.records) {
+      if ((rec.flags & DWS_SPEC) && !(rec.flags & DWS_EXTENSION) && rec.spec)
+        d->defs[_MakeDieID(rec.spec, isInfo)] = rec.offset;
+    }
+  }
+}
+
 static void _FindMainSym(ELF_FILE* pFile) {
   ELF_DWARF_STATE* s = _State(pFile);
   int index = ELF_GetFileIndex(pFile);
-  for (int pass = 0; pass < 2 && !s->mainSym; pass++) {
-    for (U32 i = 0; i < s->functions.n; i++) {
-      bool isInfo = false;
-      U64 offset = _IdToOffset(s->functions.items[i], &isInfo);
-      ELF_DIE die = _GetDieAtOffset(pFile, offset, isInfo);
-      if (!die)
-        continue;
-      bool match = pass == 0 ? _HasNonZero(pFile, die, DW_AT_main_subprogram)
-                             : (_GetDieName(pFile, die) && strcmp(_GetDieName(pFile, die), "main") == 0);
-      if (match) {
-        s->mainSym = ELF_MakeDwarfHandle(index, s->functions.items[i]);
-        break;
-      }
-    }
+  for (U32 i = 0; i < s->functions.n && !s->mainSym; i++) {
+    bool isInfo = false;
+    U64 offset = _IdToOffset(s->functions.items[i], &isInfo);
+    const DWS_RECORD* pRec = _RecordAt(pFile, offset, isInfo);
+    if (pRec && (pRec->flags & DWS_MAIN))
+      s->mainSym = ELF_MakeDwarfHandle(index, s->functions.items[i]);
   }
+  // By name; the DIEs are looked at once and not kept.
+  for (U32 i = 0; i < s->functions.n && !s->mainSym; i++) {
+    bool isInfo = false;
+    U64 offset = _IdToOffset(s->functions.items[i], &isInfo);
+    ELF_DIE die = DWA_GetDieAtOffset(_Ctx(pFile), offset, isInfo);
+    const char* sName = die ? DWA_GetName(_Ctx(pFile), die) : nullptr;
+    if (sName && strcmp(sName, "main") == 0)
+      s->mainSym = ELF_MakeDwarfHandle(index, s->functions.items[i]);
+    _DeallocDie(pFile, die);
+  }
+}
+
+static void _LogLoad(ELF_FILE* pFile, long TypeMs, long InfoMs, long FileMs, long LineMs, long FrameMs) {
+  ELF_DWARF_STATE* s = _State(pFile);
+  ELF_Log(ELF_LOG_MESSAGE, "parsed type unit tree in ms:   %ld", TypeMs);
+  ELF_Log(ELF_LOG_MESSAGE, "parsed debug info tree in ms:  %ld", InfoMs);
+  ELF_Log(ELF_LOG_MESSAGE, "parsed source file info in ms: %ld", FileMs);
+  ELF_Log(ELF_LOG_MESSAGE, "parsed source line info in ms: %ld", LineMs);
+  ELF_Log(ELF_LOG_MESSAGE, "parsed call frame info in ms:  %ld", FrameMs);
+  ELF_Log(ELF_LOG_MESSAGE, "File Size: %d", (int)pFile->fileSize);
+  ELF_Log(ELF_LOG_MESSAGE, "Dwarf Symbol Count: %lu", (unsigned long)ELF_GetDwarfSymbolCount(pFile));
+  ELF_Log(ELF_LOG_MESSAGE, "ELF Symbol Count: %d", (int)pFile->symCount);
+  ELF_Log(ELF_LOG_MESSAGE, "Data Encoding: %s", ELF_GetDataEncodingText(ELF_GetDataEncoding(pFile)));
+  ELF_Log(ELF_LOG_MESSAGE, "Source Language: %s", s->srcLanguage == ELF_SRC_LANG_CPP ? "C++" : "C");
+  ELF_Log(ELF_LOG_MESSAGE, "total init time: %ld ms", TypeMs + InfoMs + FileMs + LineMs + FrameMs);
+  ELF_Log(ELF_LOG_MESSAGE, "Dwarf Version: %d", (int)s->dwarfVersion);
 }
 
 int ELF_ParseDebugInfo(ELF_FILE* pFile) {
   ELF_DWARF_STATE* s = _State(pFile);
   s->srcLanguage = ELF_SRC_LANG_C;
   pFile->cfaOffsetFactor = 1;
+  if (ELF_GetSectionIdx(pFile, ".note.iar") >= 0)
+    pFile->cfaOffsetFactor = 4;
   if (_CreateTables(pFile) < 0)
     return -1;
   long typeMs = 0, infoMs = 0, fileMs = 0, lineMs = 0, frameMs = 0;
   int started = _StartLibdwarf(pFile);
   if (started < 0)
     return -1;
-  if (started == 0) {
-    _ParseUnits(pFile, false, true, &typeMs, &infoMs, &fileMs, &lineMs);
-    _ParseUnits(pFile, true, true, &typeMs, &infoMs, &fileMs, &lineMs);
-    _ParseUnits(pFile, true, false, &typeMs, &infoMs, &fileMs, &lineMs);
-    _FindMainSym(pFile);
-    clock_t start = clock();
-    if (ELF_GetSectionIdx(pFile, ".note.iar") >= 0)
-      pFile->cfaOffsetFactor = 4;
-    DWA_FRAME_INFO frames;
-    if (DWA_LoadFrames(_Ctx(pFile), &frames) == 0) {
-      s->cieCount = frames.CieCount;
-      s->fdeCount = frames.FdeCount;
-      s->returnAddrReg = frames.ReturnAddrReg;
-    }
-    frameMs = _Ms(start, clock());
+  if (started != 0) {
+    _LogLoad(pFile, 0, 0, 0, 0, 0);
+    return 0;
   }
-  ELF_Log(ELF_LOG_MESSAGE, "parsed type unit tree in ms:   %ld", typeMs);
-  ELF_Log(ELF_LOG_MESSAGE, "parsed debug info tree in ms:  %ld", infoMs);
-  ELF_Log(ELF_LOG_MESSAGE, "parsed source file info in ms: %ld", fileMs);
-  ELF_Log(ELF_LOG_MESSAGE, "parsed source line info in ms: %ld", lineMs);
-  ELF_Log(ELF_LOG_MESSAGE, "parsed call frame info in ms:  %ld", frameMs);
-  ELF_Log(ELF_LOG_MESSAGE, "File Size: %d", (int)pFile->fileSize);
-  ELF_Log(ELF_LOG_MESSAGE, "Dwarf Symbol Count: %ld", (long)s->dieById->count);
-  ELF_Log(ELF_LOG_MESSAGE, "ELF Symbol Count: %d", (int)pFile->symCount);
-  ELF_Log(ELF_LOG_MESSAGE, "Data Encoding: %s", ELF_GetDataEncodingText(ELF_GetDataEncoding(pFile)));
-  ELF_Log(ELF_LOG_MESSAGE, "Source Language: %s", s->srcLanguage == ELF_SRC_LANG_CPP ? "C++" : "C");
-  ELF_Log(ELF_LOG_MESSAGE, "total init time: %ld ms", typeMs + infoMs + fileMs + lineMs + frameMs);
-  ELF_Log(ELF_LOG_MESSAGE, "Dwarf Version: %d", (int)s->dwarfVersion);
+  clock_t start = clock();
+  if (ELF_ReadIndexCache(pFile) == 0) {
+    ELF_Log(ELF_LOG_MESSAGE, "read the symbol tree from the index cache in ms: %ld", _Ms(start, clock()));
+    _LogLoad(pFile, 0, 0, 0, 0, 0);
+    return 0;
+  }
+  CLASSIFIER c{pFile, s->pDies, {}, {}, {}};
+  _ScanSection(pFile, ".debug_types", true, &c.d->types);
+  _ScanSection(pFile, ".debug_info", false, &c.d->info);
+  _BuildDefinitions(c.d);
+  infoMs += _Ms(start, clock());
+  _ParseUnits(pFile, &c, false, true, &typeMs, &infoMs, &fileMs, &lineMs);
+  _ParseUnits(pFile, &c, true, true, &typeMs, &infoMs, &fileMs, &lineMs);
+  _ParseUnits(pFile, &c, true, false, &typeMs, &infoMs, &fileMs, &lineMs);
+  start = clock();
+  c.d->localVars.Build(&c.locals);
+  c.d->members.Build(&c.members);
+  c.d->inheritance.Build(&c.inheritance);
+  _FindMainSym(pFile);
+  infoMs += _Ms(start, clock());
+  start = clock();
+  DWA_FRAME_INFO frames;
+  if (DWA_LoadFrames(_Ctx(pFile), &frames) == 0) {
+    s->cieCount = frames.CieCount;
+    s->fdeCount = frames.FdeCount;
+    s->returnAddrReg = frames.ReturnAddrReg;
+  }
+  frameMs = _Ms(start, clock());
+  _LogLoad(pFile, typeMs, infoMs, fileMs, lineMs, frameMs);
   return 0;
 }
 
@@ -1160,11 +1135,10 @@ static void _ReleaseStoredDie(void* pContext, U64 Value) {
 void ELF_FreeDebugInfo(ELF_FILE* pFile) {
   ELF_DWARF_STATE* s = _State(pFile);
   ELF_HashFree(s->dieById, _ReleaseStoredDie, s->pDwarf);
-  ELF_HASH_TABLE* apTables[] = {s->dieTags,      s->dieParents, s->dieVisited, s->dieDecls, s->dieDefs,
-                                s->dieTypeNames, s->dieNames,   s->localVars,  s->members,  s->inheritance,
-                                s->srcFiles,     s->typeUnits,  s->lineFileIdx};
+  ELF_HASH_TABLE* apTables[] = {s->dieTypeNames, s->dieNames, s->lineFileIdx};
   for (ELF_HASH_TABLE* pTable : apTables)
     ELF_HashFree(pTable);
+  delete s->pDies;
   ELF_ID_LIST* apLists[] = {&s->globalVars, &s->namespaces, &s->namespaceExts, &s->types,
                             &s->compUnits,  &s->functions,  &s->inlineFuncs};
   for (ELF_ID_LIST* pList : apLists)
@@ -1251,28 +1225,28 @@ ELF_SYM_HANDLE ELF_GetDieListHandle(ELF_FILE* pFile, ELF_DIE_LIST List, U32 n) {
   return ELF_MakeDwarfHandle(ELF_GetFileIndex(pFile), p->items[n]);
 }
 
-static const U64* _GetScopeList(ELF_FILE* pFile, ELF_SYM_HANDLE hScope, ELF_SCOPE_LIST List, I32* pn) {
+static const U64* _GetScopeList(ELF_FILE* pFile, ELF_SYM_HANDLE hScope, ELF_SCOPE_LIST List, U32* pn) {
   *pn = 0;
   U64 id = 0;
-  if (!ELF_IsValidFile(pFile) || !_IsDwarfSymbolHandle(hScope) || !_GetSymID(hScope, &id))
+  if (!ELF_IsValidFile(pFile) || !_IsDwarfSymbolHandle(hScope) || !_GetSymID(hScope, &id) || !_Dies(pFile))
     return nullptr;
-  ELF_DWARF_STATE* s = _State(pFile);
-  ELF_HASH_TABLE* pTable = List == ELF_SCOPE_LOCAL_VARS ? s->localVars
-                           : List == ELF_SCOPE_MEMBERS  ? s->members
-                                                        : s->inheritance;
-  return ELF_HashGetAll(pTable, id, pn);
+  const ELF_DIE_INDEX* d = _Dies(pFile);
+  const ELF_SCOPE_MAP& map = List == ELF_SCOPE_LOCAL_VARS ? d->localVars
+                             : List == ELF_SCOPE_MEMBERS  ? d->members
+                                                          : d->inheritance;
+  return map.Get(id, pn);
 }
 
 U32 ELF_GetScopeListCount(ELF_FILE* pFile, ELF_SYM_HANDLE hScope, ELF_SCOPE_LIST List) {
-  I32 n = 0;
+  U32 n = 0;
   _GetScopeList(pFile, hScope, List, &n);
-  return (U32)n;
+  return n;
 }
 
 ELF_SYM_HANDLE ELF_GetScopeListHandle(ELF_FILE* pFile, ELF_SYM_HANDLE hScope, ELF_SCOPE_LIST List, U32 n) {
-  I32 count = 0;
+  U32 count = 0;
   const U64* paItems = _GetScopeList(pFile, hScope, List, &count);
-  if (!paItems || n >= (U32)count)
+  if (!paItems || n >= count)
     return 0;
   return ELF_MakeDwarfHandle(ELF_GetFileIndex(pFile), paItems[n]);
 }
@@ -1304,24 +1278,27 @@ const char* ELF_GetSrcFileName(ELF_FILE* pFile, U32 n) {
   return _State(pFile)->srcFileNames.items[n];
 }
 
-static const ELF_HASH_RECORD* _GetSrcFileRecord(ELF_FILE* pFile, const char* sName) {
-  if (!ELF_IsValidFile(pFile) || !sName || !_State(pFile)->srcFiles)
+static const std::vector<U64>* _GetSrcFileUnits(ELF_FILE* pFile, const char* sName) {
+  if (!ELF_IsValidFile(pFile) || !sName || !_Dies(pFile))
     return nullptr;
-  return (const ELF_HASH_RECORD*)(uintptr_t)ELF_HashGet(_State(pFile)->srcFiles, ELF_Djb2Hash(sName));
+  auto it = _Dies(pFile)->srcFileUnits.find(ELF_Djb2Hash(sName));
+  return it == _Dies(pFile)->srcFileUnits.end() ? nullptr : &it->second;
 }
 
 U32 ELF_GetSrcFileCUCount(ELF_FILE* pFile, const char* sName) {
-  const ELF_HASH_RECORD* pRecord = _GetSrcFileRecord(pFile, sName);
-  return pRecord ? (U32)pRecord->n : 0;
+  const std::vector<U64>* pUnits = _GetSrcFileUnits(pFile, sName);
+  return pUnits ? (U32)pUnits->size() : 0;
 }
 
 ELF_SYM_HANDLE ELF_GetSrcFileCU(ELF_FILE* pFile, const char* sName, U32 n) {
-  const ELF_HASH_RECORD* pRecord = _GetSrcFileRecord(pFile, sName);
-  if (!pRecord || n >= (U32)pRecord->n)
+  const std::vector<U64>* pUnits = _GetSrcFileUnits(pFile, sName);
+  if (!pUnits || n >= pUnits->size())
     return 0;
-  return ELF_MakeDwarfHandle(ELF_GetFileIndex(pFile), pRecord->items[n]);
+  return ELF_MakeDwarfHandle(ELF_GetFileIndex(pFile), (*pUnits)[n]);
 }
 
 U32 ELF_GetDwarfSymbolCount(ELF_FILE* pFile) {
-  return ELF_IsValidFile(pFile) && _State(pFile)->dieById ? (U32)_State(pFile)->dieById->count : 0;
+  if (!ELF_IsValidFile(pFile) || !_Dies(pFile))
+    return 0;
+  return (U32)(_Dies(pFile)->info.records.size() + _Dies(pFile)->types.records.size());
 }
