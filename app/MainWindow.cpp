@@ -18,6 +18,7 @@
 #include <QMenuBar>
 #include <QMessageBox>
 #include <QPlainTextEdit>
+#include <QStandardPaths>
 #include <QStatusBar>
 #include <QTimer>
 #include <QToolBar>
@@ -34,6 +35,7 @@
 #include "app/tables/SettingsStore.h"
 #include "app/tables/SettingsTables.h"
 #include "debuginfo/ElfFile.h"
+#include "debuginfo/IndexCache.h"
 #include "debuginfo/ProgramIndex.h"
 #include "device/Device.h"
 #include "device/DeviceDataProvider.h"
@@ -122,6 +124,9 @@ CMainWindow::CMainWindow(bool BatchMode) : CWindow(nullptr, "MainWindow"), _Batc
     QString sPath = GetFileFinder().Resolve(sDwarfName);
     return QFileInfo(sPath).isFile() ? sPath : QString();
   });
+  // What a program's load computed is kept here, so that the next open of the same program is quick.
+  ELF_SetIndexCacheDir(
+      QDir(QStandardPaths::writableLocation(QStandardPaths::CacheLocation)).filePath("index"));
   SetSourceLocationNormalizer(
       [](const QString& sText) { return ELF_IsLoaded() ? ELF_NormaliseSrcLocText(sText) : QString(); });
   CProject* pProject = CProject::Instance();
@@ -918,6 +923,7 @@ void CMainWindow::_WindowClosed() {
       DispatchDeviceEvents(10);
     }
   }
+  ELF_SaveIndexCache();
   SaveColorsAndFonts();
   SavePreferences();
   _CloseProgramFile();

@@ -46,6 +46,6 @@ function(zevra_tests name)
     DISCOVERY_MODE PRE_TEST
     DISCOVERY_TIMEOUT 60
     PROPERTIES ENVIRONMENT
-      "QT_QPA_PLATFORM=offscreen;XDG_CONFIG_HOME=${CMAKE_BINARY_DIR}/test-config;HOME=${CMAKE_BINARY_DIR}/test-home"
+      "QT_QPA_PLATFORM=offscreen;XDG_CONFIG_HOME=${CMAKE_BINARY_DIR}/test-config;XDG_CACHE_HOME=${CMAKE_BINARY_DIR}/test-cache;HOME=${CMAKE_BINARY_DIR}/test-home"
     TIMEOUT 300)
 endfunction()

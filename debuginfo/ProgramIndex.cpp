@@ -10,6 +10,7 @@
 #include <unordered_map>
 #include <unordered_set>
 
+#include "debuginfo/IndexCache.h"
 #include "debuginfo/ProgramIndexState.h"
 #include "debuginfo/SymbolQueries.h"
 
@@ -247,6 +248,10 @@ void _BuildLines(CIndexState& s, const std::unordered_set<U64>& UnitsAtZero) {
     lowestFuncAddr = 0;
   U32 numRows = ELF_GetLineRowCount(pFile);
   bool dropSequence = false, sequenceStart = true;
+  std::vector<U32> fileIdByNameIdx;
+  std::vector<bool> fileResolved;
+  s.addrToSrcLocs.reserve(numRows);
+  s.srcLocToAddrs.reserve(numRows);
   for (U32 i = 0; i < numRows; i++) {
     const ELF_LINE_ROW* pRow = ELF_GetLineRow(pFile, i);
     if (!pRow)
@@ -265,7 +270,16 @@ void _BuildLines(CIndexState& s, const std::unordered_set<U64>& UnitsAtZero) {
       s.counts.droppedLines++;
       continue;
     }
-    U32 file = _AddDwarfFile(s, ELF_GetLineRowFileName(pFile, i));
+    // Rows name few files: resolve each name once.
+    if (pRow->fileNameIdx >= fileIdByNameIdx.size()) {
+      fileIdByNameIdx.resize(pRow->fileNameIdx + 1);
+      fileResolved.resize(pRow->fileNameIdx + 1);
+    }
+    if (!fileResolved[pRow->fileNameIdx]) {
+      fileIdByNameIdx[pRow->fileNameIdx] = _AddDwarfFile(s, ELF_GetLineRowFileName(pFile, i));
+      fileResolved[pRow->fileNameIdx] = true;
+    }
+    U32 file = fileIdByNameIdx[pRow->fileNameIdx];
     if (file == kNone || pRow->line == 0)
       continue;
     _AddLineRow(s, addr, CSrcLoc{file, pRow->line, pRow->column});
@@ -574,6 +588,12 @@ void ELF_SetFileResolver(ELF_FILE_RESOLVER pfResolve) {
 std::recursive_mutex& ELF_GetIndexMutex() {
   static std::recursive_mutex s_Mutex;
   return s_Mutex;
+}
+
+int ELF_SaveIndexCache() {
+  std::lock_guard lock(ELF_GetIndexMutex());
+  CIndexState& s = _IndexState();
+  return s.loaded && s.pFile ? ELF_WriteIndexCache(s.pFile) : -1;
 }
 
 void ELF_Deinit() {

@@ -99,6 +99,10 @@ std::recursive_mutex& ELF_GetIndexMutex();
 // index is then empty). The counts are for the "completed" line of File.Open.
 int ELF_Init(const char* sPath);
 void ELF_Deinit();
+// Writes the index cache of the loaded program (see IndexCache.h: ELF_SetIndexCacheDir chooses the
+// folder); called at shutdown. 0 written or already current, -1 nothing loaded, no folder or a
+// write failure.
+int ELF_SaveIndexCache();
 bool ELF_IsLoaded();
 ELF_FILE* ELF_GetIndexedFile();
 struct ELF_INDEX_COUNTS {

@@ -134,11 +134,15 @@ std::vector<Unit> ParseInfo(const std::string& sFixture) {
   std::regex reVersion(R"(^\s+Version:\s+(\d+)$)");
   std::regex reDie(R"(^ <(\d+)><([0-9a-f]+)>: Abbrev Number: \d+ \((\S+)\)$)");
   std::regex reAttr(R"(^\s+<[0-9a-f]+>\s+(DW_AT_\w+)\s*:\s?(.*)$)");
+  std::regex reSection(R"(^Contents of the (\S+) section:$)");
   std::vector<uint64_t> stack;
+  std::string section;
   for (const std::string& line : ReadLines(FixturePath(sFixture + ".info.txt"))) {
     std::smatch m;
-    if (std::regex_match(line, m, reUnit)) {
-      units.push_back({std::stoull(m[1], nullptr, 0), 0, {}});
+    if (std::regex_match(line, m, reSection)) {
+      section = m[1];
+    } else if (std::regex_match(line, m, reUnit)) {
+      units.push_back({std::stoull(m[1], nullptr, 0), 0, section, {}});
       stack.clear();
     } else if (std::regex_match(line, m, reVersion) && !units.empty()) {
       units.back().Version = std::stoi(m[1]);

@@ -53,6 +53,7 @@ struct Die {
 struct Unit {
   uint64_t Offset;
   int Version;
+  std::string Section;  // ".debug_info" or ".debug_types"
   std::vector<Die> Dies;
 };
 std::vector<Unit> ParseInfo(const std::string& sFixture);
