@@ -451,9 +451,10 @@ int ELF_ReadIndexCache(ELF_FILE* pFile) {
 }
 
 int ELF_WriteIndexCache(ELF_FILE* pFile) {
-  if (!ELF_IsValidFile(pFile) || !pFile->dwarf.pDies || !pFile->dwarf.pDwarf)
+  if (!ELF_IsValidFile(pFile))
     return -1;
-  if (pFile->dwarf.pDies->fromCache)
+  // Without debug information there is no walk to keep.
+  if (!pFile->dwarf.pDies || !pFile->dwarf.pDwarf || pFile->dwarf.pDies->fromCache)
     return 0;
   QString sCache = ELF_GetIndexCachePath(pFile->sPath);
   if (sCache.isEmpty())

@@ -19,6 +19,7 @@ QString ELF_GetIndexCachePath(const char* sProgramPath);
 // Fills the symbol tree of a freshly opened file from its cache file. 0 when it did; -1 when there
 // is no usable cache (the tree is then untouched and the caller walks the DWARF).
 int ELF_ReadIndexCache(ELF_FILE* pFile);
-// Writes the cache file of an open file, unless the tree was read from an identical one. 0 written
-// or already current, -1 failure (logged; an old cache file stays as it was).
+// Writes the cache file of an open file, unless the tree was read from an identical one or the file
+// has no debug information. 0 written or nothing to write, -1 failure (logged; an old cache file
+// stays as it was).
 int ELF_WriteIndexCache(ELF_FILE* pFile);
