@@ -393,6 +393,15 @@ ELF_DIE _GetDefinitionDie(ELF_FILE* pFile, ELF_DIE Die) {
   if (!isDecl && hasSize)
     return nullptr;
   ELF_DIE_INDEX* d = _Dies(pFile);
+  // A declaration that names a type unit (DW_AT_signature) is defined by the unit's type DIE.
+  if (isDecl && d && _CreateDieAttr(pFile, Die, DW_AT_signature, &v) && v.Kind == DWA_VALUE_SIGNATURE) {
+    auto unit = d->typeUnits.find(v.u);
+    bool isInfo = false;
+    U64 typeOffset = unit != d->typeUnits.end() ? _IdToOffset(unit->second, &isInfo) : 0;
+    ELF_DIE def = typeOffset ? _GetDieAtOffset(pFile, typeOffset, isInfo) : nullptr;
+    if (def && def != Die)
+      return def;
+  }
   auto it = d ? d->defs.find(_GetDieID(pFile, Die)) : std::unordered_map<U64, U64>::iterator();
   U64 offset = d && it != d->defs.end() ? it->second : 0;
   if (offset == 0)

@@ -1,6 +1,6 @@
 // The program index against the committed fixtures: address to line and line to addresses against
-// the recorded readelf line tables, functions against the recorded symbol tables, and, where
-// gdb-multiarch is installed, address to line against its answers on the same files.
+// the recorded readelf line tables, functions against the recorded symbol tables, and address to
+// line, locals, globals and members against gdb-multiarch's answers recorded for the same files.
 #include <gtest/gtest.h>
 
 #include <dwarf.h>
@@ -9,6 +9,7 @@
 #include <atomic>
 #include <cstdio>
 #include <map>
+#include <optional>
 #include <regex>
 #include <set>
 #include <sstream>
@@ -16,6 +17,7 @@
 #include <thread>
 #include <vector>
 
+#include "GdbRecord.h"
 #include "ReadelfRecord.h"
 #include "debuginfo/ProgramIndex.h"
 #include "debuginfo/SymbolQueries.h"
@@ -150,43 +152,34 @@ TEST_P(ProgramIndexFixture, FunctionAtAddressMatchesSymbolTable) {
 INSTANTIATE_TEST_SUITE_P(Fixtures, ProgramIndexFixture, ::testing::ValuesIn(kFixtures));
 
 /*********************************************************************
- * gdb-multiarch, run live on the fixture
+ * gdb-multiarch's answers, recorded beside the fixture
  */
 
-bool HaveGdb() {
-  return system("gdb-multiarch --version > /dev/null 2>&1") == 0;
-}
-
 // gdb's "info line *ADDR" for each address: file name and line, or an empty name for "no line".
-std::vector<FileLine> GdbInfoLine(const std::string& sElf, const std::vector<uint32_t>& Addrs) {
-  std::string cmd = "gdb-multiarch -batch -nx";
+std::optional<std::vector<FileLine>> GdbInfoLine(const std::string& sFixture,
+                                                 const std::vector<uint32_t>& Addrs) {
+  std::vector<std::string> commands;
   char ac[64];
   for (uint32_t a : Addrs) {
-    snprintf(ac, sizeof(ac), " -ex 'info line *0x%x'", a);
-    cmd += ac;
+    snprintf(ac, sizeof(ac), "info line *0x%x", a);
+    commands.push_back(ac);
   }
-  cmd += " '" + sElf + "' 2>&1";
+  std::optional<std::string> text = gdbrecord::Ask(sFixture, "lines", commands);
+  if (!text)
+    return std::nullopt;
   std::vector<FileLine> answers;
-  FILE* p = popen(cmd.c_str(), "r");
-  if (!p)
-    return answers;
-  char acLine[1024];
   std::regex reLine(R"re(^Line (\d+) of "([^"]+)".*)re");
-  while (fgets(acLine, sizeof(acLine), p)) {
-    std::string line(acLine);
+  for (const std::string& line : gdbrecord::Lines(*text)) {
     std::smatch m;
     if (std::regex_search(line, m, reLine))
       answers.push_back({QFileInfo(QString::fromStdString(m[2])).fileName().toStdString(), std::stoi(m[1])});
     else if (line.rfind("No line number", 0) == 0)
       answers.push_back({"", 0});
   }
-  pclose(p);
   return answers;
 }
 
 TEST_P(ProgramIndexFixture, AddressToLineMatchesGdb) {
-  if (!HaveGdb())
-    GTEST_SKIP() << "gdb-multiarch is not installed";
   // Each row's address and the halfword behind it, as long as a function of the symbol table holds
   // it: padding between functions belongs to no line here, where gdb gives it the line before.
   std::vector<std::pair<uint32_t, uint32_t>> funcs;
@@ -209,7 +202,10 @@ TEST_P(ProgramIndexFixture, AddressToLineMatchesGdb) {
     }
   }
   std::vector<uint32_t> addrs(probe.begin(), probe.end());
-  auto answers = GdbInfoLine(readelf::FixturePath(std::string(GetParam()) + ".elf"), addrs);
+  auto recorded = GdbInfoLine(GetParam(), addrs);
+  if (!recorded)
+    GTEST_SKIP() << "no recorded answers and no gdb-multiarch";
+  const std::vector<FileLine>& answers = *recorded;
   ASSERT_EQ(answers.size(), addrs.size());
   for (size_t i = 0; i < addrs.size(); i++) {
     SCOPED_TRACE(addrs[i]);
@@ -312,24 +308,23 @@ struct GdbGlobal {
 };
 
 // Runs "info address", "print sizeof" and "whatis" for each name; answers in order of the names.
-std::vector<GdbGlobal> GdbGlobals(const std::string& sElf, const std::vector<std::string>& Names) {
-  std::string cmd = "gdb-multiarch -batch -nx";
-  for (const auto& n : Names)
-    cmd += " -ex 'echo @@" + n + "\\n' -ex 'info address " + n + "' -ex 'print sizeof(" + n +
-           ")' -ex 'whatis " + n + "'";
-  cmd += " '" + sElf + "' 2>&1";
+std::optional<std::vector<GdbGlobal>> GdbGlobals(const std::string& sFixture,
+                                                 const std::vector<std::string>& Names,
+                                                 const std::string& sKind = "globals") {
+  std::vector<std::string> commands;
+  for (const auto& n : Names) {
+    for (const std::string& c :
+         {"echo @@" + n + "\\n", "info address " + n, "print sizeof(" + n + ")", "whatis " + n})
+      commands.push_back(c);
+  }
+  std::optional<std::string> text = gdbrecord::Ask(sFixture, sKind, commands);
+  if (!text)
+    return std::nullopt;
   std::vector<GdbGlobal> out;
-  FILE* p = popen(cmd.c_str(), "r");
-  if (!p)
-    return out;
   std::regex reAddr(R"re(is static storage at address 0x([0-9a-f]+)\.)re");
   std::regex reSize(R"(^\$\d+ = (\d+))");
   std::regex reType(R"(^type = (.*)$)");
-  char ac[1024];
-  while (fgets(ac, sizeof(ac), p)) {
-    std::string line(ac);
-    if (!line.empty() && line.back() == '\n')
-      line.pop_back();
+  for (const std::string& line : gdbrecord::Lines(*text)) {
     std::smatch m;
     if (line.rfind("@@", 0) == 0)
       out.push_back(GdbGlobal{line.substr(2), -1, -1, ""});
@@ -342,7 +337,6 @@ std::vector<GdbGlobal> GdbGlobals(const std::string& sElf, const std::vector<std
     else if (std::regex_search(line, m, reType))
       out.back().type = m[1];
   }
-  pclose(p);
   return out;
 }
 
@@ -370,8 +364,6 @@ std::string NamedTypeText(ELF_SYM_HANDLE hType) {
 }
 
 TEST_P(ProgramIndexFixture, GlobalsByNameMatchGdb) {
-  if (!HaveGdb())
-    GTEST_SKIP() << "gdb-multiarch is not installed";
   // The variables with a location at unit level, as readelf records them, with their type's DIE.
   std::map<std::string, std::pair<uint64_t, uint64_t>> vars;
   for (const auto& unit : readelf::ParseInfo(GetParam())) {
@@ -386,7 +378,10 @@ TEST_P(ProgramIndexFixture, GlobalsByNameMatchGdb) {
   std::vector<std::string> list;
   for (const auto& [name, offsets] : vars)
     list.push_back(name);
-  auto answers = GdbGlobals(readelf::FixturePath(std::string(GetParam()) + ".elf"), list);
+  auto recorded = GdbGlobals(GetParam(), list);
+  if (!recorded)
+    GTEST_SKIP() << "no recorded answers and no gdb-multiarch";
+  const std::vector<GdbGlobal>& answers = *recorded;
   ASSERT_EQ(answers.size(), list.size());
   ELF_FILE* pFile = ELF_GetIndexedFile();
   for (const auto& g : answers) {
@@ -577,22 +572,22 @@ struct GdbMember {
 };
 
 // The data members of "ptype/o TYPE" (methods, access labels and padding notes left out).
-std::vector<GdbMember> GdbPtypeOffsets(const std::string& sElf, const std::string& sType) {
-  std::string cmd = "gdb-multiarch -batch -nx -ex 'ptype/o " + sType + "' '" + sElf + "' 2>&1";
+std::optional<std::vector<GdbMember>> GdbPtypeOffsets(const std::string& sFixture, const std::string& sType) {
+  std::string kind = "ptype-" + sType;
+  for (char& c : kind) {
+    if (!isalnum((unsigned char)c))
+      c = '-';
+  }
+  std::optional<std::string> text = gdbrecord::Ask(sFixture, kind, {"ptype/o " + sType});
+  if (!text)
+    return std::nullopt;
   std::vector<GdbMember> members;
-  FILE* p = popen(cmd.c_str(), "r");
-  if (!p)
-    return members;
   std::regex reStruct(R"(^/\*\s+(\d+)(?::\s*(\d+))?\s+\|\s+(\d+) \*/\s+(.*);$)");
   std::regex reUnion(R"(^/\*\s+(\d+) \*/\s+(.*);$)");
   std::regex reDecl(R"(([A-Za-z_]\w*)(\[\d+\])*(?: : (\d+))?$)");
   std::regex reLabel(R"(^\s+(public|protected|private):$)");
   unsigned access = 1;
-  char ac[1024];
-  while (fgets(ac, sizeof(ac), p)) {
-    std::string line(ac);
-    if (!line.empty() && line.back() == '\n')
-      line.pop_back();
+  for (const std::string& line : gdbrecord::Lines(*text)) {
     std::smatch m, d;
     long long bitPos = 0, size = 0;
     std::string decl;
@@ -616,13 +611,10 @@ std::vector<GdbMember> GdbPtypeOffsets(const std::string& sElf, const std::strin
       continue;
     members.push_back({d[1], bitPos, size, d[3].matched ? std::stoll(d[3]) : 0, access});
   }
-  pclose(p);
   return members;
 }
 
 TEST_P(ProgramIndexFixture, MemberOffsetsMatchGdb) {
-  if (!HaveGdb())
-    GTEST_SKIP() << "gdb-multiarch is not installed";
   bool cpp = std::string(GetParam()).rfind("cpp", 0) == 0;
   if (std::string(GetParam()) == "gc_O0")
     GTEST_SKIP() << "no aggregate types";
@@ -634,10 +626,12 @@ TEST_P(ProgramIndexFixture, MemberOffsetsMatchGdb) {
                                                              {"struct flags", "flags"},
                                                              {"union word", "word"},
                                                              {"foo_t", "foo_t"}};
-  std::string elf = readelf::FixturePath(std::string(GetParam()) + ".elf");
   for (const auto& [gdbName, ourName] : types) {
     SCOPED_TRACE(gdbName);
-    auto expected = GdbPtypeOffsets(elf, gdbName);
+    auto recorded = GdbPtypeOffsets(GetParam(), gdbName);
+    if (!recorded)
+      GTEST_SKIP() << "no recorded answers and no gdb-multiarch";
+    const std::vector<GdbMember>& expected = *recorded;
     ASSERT_FALSE(expected.empty());
     ELF_SYM_HANDLE h = ELF_FindSym(QString::fromStdString(ourName), false, true, false);
     ASSERT_NE(h, 0u);
@@ -666,7 +660,9 @@ TEST_P(ProgramIndexFixture, MemberOffsetsMatchGdb) {
     // "int [3][4]" from gdb: the dimensions, outermost first.
     ELF_SYM_HANDLE h = ELF_FindSym("g_matrix", true, false, false);
     ELF_ARRAY_INFO info = ELF_GetSymArrayInfo(h);
-    auto g = GdbGlobals(elf, {"g_matrix"});
+    auto recorded = GdbGlobals(GetParam(), {"g_matrix"}, "matrix");
+    ASSERT_TRUE(recorded);
+    const std::vector<GdbGlobal>& g = *recorded;
     ASSERT_EQ(g.size(), 1u);
     std::vector<U32> dims;
     std::regex reDim(R"(\[(\d+)\])");
@@ -1279,38 +1275,32 @@ TEST(ProgramIndex, AddressesFarBehindTheirLineEntryHaveNoLine) {
 namespace {
 
 // One gdb expression per line, answers as text in order; "" where gdb reports an error.
-std::vector<std::string> GdbPrint(const std::string& sElf, const std::vector<std::string>& Exprs) {
-  std::string cmd = "gdb-multiarch -batch -nx";
-  for (const auto& e : Exprs)
-    cmd += " -ex 'echo @@\\n' -ex 'print " + e + "'";
-  cmd += " '" + sElf + "' 2>&1";
+std::optional<std::vector<std::string>> GdbPrint(const std::string& sFixture,
+                                                 const std::vector<std::string>& Exprs) {
+  std::vector<std::string> commands;
+  for (const auto& e : Exprs) {
+    commands.push_back("echo @@\\n");
+    commands.push_back("print " + e);
+  }
+  std::optional<std::string> text = gdbrecord::Ask(sFixture, "print", commands);
+  if (!text)
+    return std::nullopt;
   std::vector<std::string> answers;
-  FILE* p = popen(cmd.c_str(), "r");
-  if (!p)
-    return answers;
   std::regex reValue(R"(^\$\d+ = (.*)$)");
-  char ac[1024];
-  while (fgets(ac, sizeof(ac), p)) {
-    std::string line(ac);
-    if (!line.empty() && line.back() == '\n')
-      line.pop_back();
+  for (const std::string& line : gdbrecord::Lines(*text)) {
     std::smatch m;
     if (line == "@@")
       answers.push_back("");
     else if (!answers.empty() && std::regex_match(line, m, reValue))
       answers.back() = m[1];
   }
-  pclose(p);
   return answers;
 }
 
 // Enumerator values and the signedness of globals, as gdb evaluates them on the C fixtures.
 TEST_P(ProgramIndexFixture, EnumeratorValuesAndSignednessMatchGdb) {
-  if (!HaveGdb())
-    GTEST_SKIP() << "gdb-multiarch is not installed";
   if (std::string(GetParam()).rfind("c_", 0) != 0)
     GTEST_SKIP() << "the enumeration and the globals of interest are in the C fixtures";
-  std::string elf = readelf::FixturePath(std::string(GetParam()) + ".elf");
   ELF_SYM_HANDLE color = ELF_FindSym("color", false, true, false);
   ASSERT_NE(color, 0u);
   std::vector<std::string> exprs;
@@ -1323,7 +1313,10 @@ TEST_P(ProgramIndexFixture, EnumeratorValuesAndSignednessMatchGdb) {
   const char* const kGlobals[] = {"g_myint", "g_ticks", "g_color", "g_name", "g_matrix[0][0]", "g_fn"};
   for (const char* g : kGlobals)
     exprs.push_back(std::string("(typeof(") + g + "))-1 < 0");
-  auto answers = GdbPrint(elf, exprs);
+  auto recorded = GdbPrint(GetParam(), exprs);
+  if (!recorded)
+    GTEST_SKIP() << "no recorded answers and no gdb-multiarch";
+  const std::vector<std::string>& answers = *recorded;
   ASSERT_EQ(answers.size(), exprs.size());
   for (size_t i = 0; i < enumerators.size(); i++) {
     SCOPED_TRACE(exprs[i]);
@@ -1342,6 +1335,95 @@ TEST_P(ProgramIndexFixture, EnumeratorValuesAndSignednessMatchGdb) {
     EXPECT_EQ(ELF_GetSymSign(h) ? "1" : "0", answers[enumerators.size() + i]);
   }
   EXPECT_FALSE(ELF_GetSymConstValue(ELF_FindSym("main", true, false, false), nullptr));
+}
+
+}  // namespace
+
+namespace {
+
+// gdb's "info scope FUNC" for each function: the symbols it lists and the length it gives each
+// (-1 where it gives none, as for "optimized out"). Functions it lists are left out.
+std::optional<std::map<std::string, std::vector<std::multimap<std::string, long long>>>> GdbScopes(
+    const std::string& sFixture, const std::vector<std::string>& Funcs) {
+  std::vector<std::string> commands;
+  for (const std::string& f : Funcs) {
+    commands.push_back("echo @@" + f + "\\n");
+    commands.push_back("info scope " + f);
+  }
+  std::optional<std::string> text = gdbrecord::Ask(sFixture, "scope", commands);
+  if (!text)
+    return std::nullopt;
+  std::map<std::string, std::vector<std::multimap<std::string, long long>>> scopes;
+  std::regex reSymbol(R"(^Symbol (\S+) is (.*)$)");
+  std::regex reLength(R"(length (\d+)\.$)");
+  std::string func, symbol;
+  bool isFunction = false;
+  for (const std::string& line : gdbrecord::Lines(*text)) {
+    std::smatch m;
+    if (line.rfind("@@", 0) == 0) {
+      func = line.substr(2);
+      scopes[func].emplace_back();
+      symbol.clear();
+    } else if (func.empty()) {
+      continue;
+    } else if (std::regex_match(line, m, reSymbol)) {
+      symbol = m[1];
+      isFunction = std::string(m[2]).rfind("a function", 0) == 0;
+      if (!isFunction)
+        scopes[func].back().insert({symbol, -1});
+    }
+    if (!symbol.empty() && !isFunction && std::regex_search(line, m, reLength)) {
+      auto range = scopes[func].back().equal_range(symbol);
+      for (auto it = range.first; it != range.second; ++it) {
+        if (it->second < 0) {
+          it->second = std::stoll(m[1]);
+          break;
+        }
+      }
+    }
+  }
+  return scopes;
+}
+
+// Every local variable and parameter that gdb lists for a function, its inline copies included,
+// is a local of ours somewhere in the function's code, with the length gdb gives it.
+TEST_P(ProgramIndexFixture, LocalsMatchGdbInfoScope) {
+  std::vector<std::string> funcs;
+  std::map<std::string, CAddrRange> ranges;
+  for (ELF_SYM_HANDLE h : ELF_GetAllFunctions()) {
+    std::string name = ELF_GetSymName(h).toStdString();
+    CAddrRange r = ELF_GetFuncRange(h);
+    if (_IsDwarfSymbolHandle(h) && !name.empty() && name.find(':') == std::string::npos && !r.IsEmpty() &&
+        !ranges.count(name)) {
+      funcs.push_back(name);
+      ranges[name] = r;
+    }
+  }
+  ASSERT_FALSE(funcs.empty());
+  auto recorded = GdbScopes(GetParam(), funcs);
+  if (!recorded)
+    GTEST_SKIP() << "no recorded answers and no gdb-multiarch";
+  size_t compared = 0;
+  for (const std::string& f : funcs) {
+    SCOPED_TRACE(f);
+    ASSERT_EQ(recorded->count(f), 1u);
+    std::map<std::string, std::set<long long>> ours;
+    CAddrRange r = ranges[f];
+    for (U32 pc = r.start; pc < r.End(); pc += 2) {
+      ELF_SetContextPC(pc);
+      for (ELF_SYM_HANDLE local : ELF_GetLocalVars(true))
+        ours[ELF_GetSymName(local).toStdString()].insert((long long)ELF_GetSymSize(local));
+    }
+    for (const auto& [name, length] : recorded->at(f).front()) {
+      SCOPED_TRACE(name);
+      ASSERT_EQ(ours.count(name), 1u);
+      if (length >= 0) {
+        EXPECT_EQ(ours[name].count(length), 1u) << "ours: " << *ours[name].begin();
+      }
+      compared++;
+    }
+  }
+  EXPECT_GT(compared, 0u);
 }
 
 }  // namespace
