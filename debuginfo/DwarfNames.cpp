@@ -151,6 +151,7 @@ static void _BuildDieDataTypeName(ELF_FILE* pFile, ELF_DIE StartDie, char* sOut,
   if (Depth > 4)
     return;  // parameters of parameters of ...: enough for any real declaration
   char acTypedefName[kTypeTextSize] = "";
+  size_t typedefOutLen = 0;  // length of the text when the last typedef was passed
   char acQualifier[32] = "";
   ELF_DIE die = StartDie;
   for (int step = 0; step < kMaxTypeSteps && die; step++) {
@@ -212,6 +213,7 @@ static void _BuildDieDataTypeName(ELF_FILE* pFile, ELF_DIE StartDie, char* sOut,
       case ELF_TAG_TYPEDEF: {
         const char* sName = _GetDieName(pFile, die);
         snprintf(acTypedefName, sizeof(acTypedefName), "%s", sName ? sName : "");
+        typedefOutLen = strlen(sOut);
         break;
       }
       case ELF_TAG_BASE_TYPE: {
@@ -240,6 +242,11 @@ static void _BuildDieDataTypeName(ELF_FILE* pFile, ELF_DIE StartDie, char* sOut,
         snprintf(sOut, kTypeTextSize, "*");
       _Prepend(sOut, "void");
     } else {
+      // The typedef names everything behind it ("typedef void* handle_t"): what the walk added
+      // after it is dropped.
+      size_t len = strlen(sOut);
+      if (typedefOutLen < len)
+        memmove(sOut, sOut + len - typedefOutLen, typedefOutLen + 1);
       _Prepend(sOut, acTypedefName);
     }
   }

@@ -371,7 +371,7 @@ TEST_P(DwarfTypeText, GlobalsReadAsTheirDeclarations) {
       {"g_origin", "struct point"}, {"g_matrix", "int[3,4]"},           {"g_ticks", "volatile uint"},
       {"g_name", "const char*"},    {"g_color", "enum color"},          {"g_flags", "struct flags"},
       {"g_word", "union word"},     {"g_foo", "struct foo_t"},          {"g_myint", "int"},
-      {"g_fn", "int(char, long)*"}, {"g_vectors", "const void()*[16]"},
+      {"g_fn", "int(char, long)*"}, {"g_vectors", "const void()*[16]"}, {"g_handle_ptr", "handle_t*"},
   };
   OpenFixture fixture(GetParam());
   ELF_FILE* pFile = fixture.pFile;
