@@ -1081,7 +1081,8 @@ static void _LogLoad(ELF_FILE* pFile, long TypeMs, long InfoMs, long FileMs, lon
   ELF_Log(ELF_LOG_MESSAGE, "parsed source line info in ms: %ld", LineMs);
   ELF_Log(ELF_LOG_MESSAGE, "parsed call frame info in ms:  %ld", FrameMs);
   ELF_Log(ELF_LOG_MESSAGE, "File Size: %d", (int)pFile->fileSize);
-  ELF_Log(ELF_LOG_MESSAGE, "Dwarf Symbol Count: %lu", (unsigned long)ELF_GetDwarfSymbolCount(pFile));
+  size_t numDies = s->pDies ? s->pDies->info.records.size() + s->pDies->types.records.size() : 0;
+  ELF_Log(ELF_LOG_MESSAGE, "Dwarf Symbol Count: %lu", (unsigned long)numDies);
   ELF_Log(ELF_LOG_MESSAGE, "ELF Symbol Count: %d", (int)pFile->symCount);
   ELF_Log(ELF_LOG_MESSAGE, "Data Encoding: %s", ELF_GetDataEncodingText(ELF_GetDataEncoding(pFile)));
   ELF_Log(ELF_LOG_MESSAGE, "Source Language: %s", s->srcLanguage == ELF_SRC_LANG_CPP ? "C++" : "C");
