@@ -115,7 +115,8 @@ class CReader {
     if (!Count(&n, sizeof(T)))
       return false;
     pv->resize((size_t)n);
-    memcpy(pv->data(), m_p, (size_t)(n * sizeof(T)));
+    if (n)
+      memcpy(pv->data(), m_p, (size_t)(n * sizeof(T)));
     m_p += n * sizeof(T);
     return true;
   }
