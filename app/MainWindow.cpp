@@ -233,6 +233,7 @@ void CMainWindow::_ConnectActions() {
       {"File.SaveProjectAs", SLOT(OnActionFileSaveProjectAsTriggered())},
       {"File.SaveAll", SLOT(OnActionFileSaveAllTriggered())},
       {"Project.AddSvdFile", SLOT(OnActionProjectAddSvdFileTriggered())},
+      {"Project.RelocateSymbols", SLOT(OnActionProjectRelocateSymbolsTriggered())},
       {"Project.AddRootPath", SLOT(OnActionProjectAddRootPathTriggered())},
       {"Project.AddSearchPath", SLOT(OnActionProjectAddSearchPathTriggered())},
       {"Project.AddFileAlias", SLOT(OnActionProjectAddFileAliasTriggered())},
@@ -801,6 +802,28 @@ void CMainWindow::_RunPathRow(const char* sRow, int Count,
 void CMainWindow::OnActionProjectAddSvdFileTriggered() {
   _RunPathRow("Project.AddSvdFile", 1,
               [](const QStringList& Args) { CProject::Instance()->AddSvdFile(Args[0]); });
+}
+
+// A row of the symbol relocation table. It moves the addresses of a program loaded after it; the
+// table ends when that program is closed.
+void CMainWindow::OnActionProjectRelocateSymbolsTriggered() {
+  static const int Id = _RowByName("Project.RelocateSymbols");
+  if (!CheckParamCount(Id, 2)) {
+    return;
+  }
+  QStringList Args = GetArguments(Id);
+  QString sOffset = Args.value(1).trimmed();
+  bool Ok = false;
+  qlonglong Offset = sOffset.toLongLong(&Ok, 0);
+  if (!Ok || Offset < INT32_MIN || Offset > INT32_MAX) {
+    SetError(Id, "invalid number", sOffset);
+    return;
+  }
+  const char* sError = nullptr;
+  std::lock_guard Lock(ELF_GetIndexMutex());
+  if (ELF_AddRelocationText(Args.value(0).trimmed().toUtf8().constData(), I32(Offset), &sError) < 0) {
+    SetError(Id, "invalid parameter", QString("%1: %2").arg(Args.value(0).trimmed(), sError));
+  }
 }
 
 void CMainWindow::OnActionProjectAddRootPathTriggered() {

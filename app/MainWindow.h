@@ -62,6 +62,7 @@ class CMainWindow : public CWindow {
   void OnActionFileSaveProjectAsTriggered();
   void OnActionFileSaveAllTriggered();
   void OnActionProjectAddSvdFileTriggered();
+  void OnActionProjectRelocateSymbolsTriggered();
   void OnActionProjectAddRootPathTriggered();
   void OnActionProjectAddSearchPathTriggered();
   void OnActionProjectAddFileAliasTriggered();

@@ -1,6 +1,8 @@
 // The ELF layer; see ElfFile.h.
 #include "debuginfo/ElfFile.h"
 
+#include <cctype>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -1013,6 +1015,60 @@ int ELF_AddRelocation(const ELF_RELOC_ROW& Row) {
   _aRelocations[_NumRelocations].name[sizeof(Row.name) - 1] = 0;
   _NumRelocations++;
   return 0;
+}
+
+// One number of an address range: all of the text, in C notation, within 32 bits.
+static bool _ParseRangeEnd(const char* sBegin, const char* sEnd, U32* pValue) {
+  while (sBegin < sEnd && isspace((unsigned char)*sBegin))
+    sBegin++;
+  while (sEnd > sBegin && isspace((unsigned char)sEnd[-1]))
+    sEnd--;
+  if (sBegin == sEnd || sEnd - sBegin > 20)
+    return false;
+  char ac[24];
+  memcpy(ac, sBegin, (size_t)(sEnd - sBegin));
+  ac[sEnd - sBegin] = 0;
+  char* sStop = nullptr;
+  errno = 0;
+  long long v = strtoll(ac, &sStop, 0);
+  if (errno || *sStop || v < 0 || v > 0xFFFFFFFFll)
+    return false;
+  *pValue = (U32)v;
+  return true;
+}
+
+int ELF_AddRelocationText(const char* sSymbols, I32 Offset, const char** psError) {
+  ELF_RELOC_ROW row = {};
+  row.offset = Offset;
+  const char* sDash = sSymbols ? strchr(sSymbols, '-') : nullptr;
+  *psError = nullptr;
+  if (!sSymbols || !*sSymbols) {
+    *psError = "no symbols given";
+  } else if (strcmp(sSymbols, "*") == 0) {
+    row.hi = 0xFFFFFFFE;
+  } else if (sDash) {
+    if (!_ParseRangeEnd(sSymbols, sDash, &row.lo) ||
+        !_ParseRangeEnd(sDash + 1, sDash + strlen(sDash), &row.hi))
+      *psError = "an address range is two numbers, such as 0x8000-0x9000";
+    else if (row.lo == 0 && row.hi == 0)
+      *psError = "both ends of the address range are 0";
+  } else if (strlen(sSymbols) >= sizeof(row.name)) {
+    *psError = "the name is longer than 63 characters";
+  } else {
+    snprintf(row.name, sizeof(row.name), "%s", sSymbols);
+    ELF_FILE* pFile = _pCurrentFile;
+    if (pFile && _NumRelocations < (U32)kMaxRelocations) {
+      // Resolved in the table's next slot, and kept only if it is added below.
+      _aRelocations[_NumRelocations++] = row;
+      _ResolveNamedRelocations(pFile);
+      row = _aRelocations[--_NumRelocations];
+      if (row.lo == 0 && row.hi == 0)
+        *psError = "the program has no section or symbol of that name";
+    }
+  }
+  if (!*psError && ELF_AddRelocation(row) < 0)
+    *psError = "the relocation table is full";
+  return *psError ? -1 : 0;
 }
 
 void ELF_ClearRelocations() {

@@ -220,6 +220,11 @@ U32 ELF_GetSegmentTableCount();
 // The relocation table. Rows last until ELF_Close. Returns 0, or -1 when the table is full.
 int ELF_AddRelocation(const ELF_RELOC_ROW& Row);
 void ELF_ClearRelocations();
+// A row from the text of Project.RelocateSymbols: "*" (every address), "LO-HI" (two numbers in C
+// notation, not both 0), or the name of a section or symbol, whose range is taken now when a
+// program is open and again after every ELF_Open. Returns 0, or -1 with *psError set to what is
+// wrong; the table is then unchanged.
+int ELF_AddRelocationText(const char* sSymbols, I32 Offset, const char** psError);
 U32 ELF_GetRelocationCount();
 // Link address to run address (IsEnd: the address is an end address) and back.
 U32 ELF_ApplyRelocation(U32 Addr, bool IsEnd);

@@ -241,4 +241,69 @@ TEST(ElfRelocation, RowMovesAddressesBothWays) {
   EXPECT_EQ(ELF_GetRelocationCount(), 0u) << "closing ends the relocation table";
 }
 
+// The texts of Project.RelocateSymbols, against the section and symbol tables readelf recorded.
+TEST(ElfRelocation, TextsSelectRangesOrSayWhatIsWrong) {
+  uint32_t mainAddr = 0, mainSize = 0, textAddr = 0, textSize = 0;
+  for (const auto& sym : readelf::ParseSymbols("c_O0")) {
+    if (sym.Name == "main")
+      mainAddr = sym.Value & ~1u, mainSize = sym.Size;
+  }
+  for (const auto& sec : readelf::ParseSections("c_O0")) {
+    if (sec.Name == ".text")
+      textAddr = sec.Addr, textSize = sec.Size;
+  }
+  ASSERT_NE(mainSize, 0u);
+  ASSERT_NE(textSize, 0u);
+  const char* sError = nullptr;
+  // Without a program a name cannot be checked; it waits for the next open.
+  ASSERT_EQ(ELF_AddRelocationText("main", 0x1000, &sError), 0);
+  ELF_FILE* pFile = ELF_Open(readelf::FixturePath("c_O0.elf").c_str());
+  ASSERT_NE(pFile, nullptr);
+  EXPECT_EQ(ELF_ApplyRelocation(mainAddr, false), mainAddr + 0x1000);
+  EXPECT_EQ(ELF_ApplyRelocation(mainAddr + mainSize, true), mainAddr + mainSize + 0x1000);
+  EXPECT_EQ(ELF_ApplyRelocation(mainAddr + mainSize, false), mainAddr + mainSize);
+  ELF_ClearRelocations();
+
+  struct {
+    const char* sText;
+    U32 inside, outside;  // an address the row moves and one it leaves
+  } good[] = {
+      {".text", textAddr, textAddr + textSize},
+      {"0x20000000 - 0x20000100", 0x200000FF, 0x20000100},
+      {"*", 0, 0xFFFFFFFF},
+  };
+  for (const auto& c : good) {
+    SCOPED_TRACE(c.sText);
+    ASSERT_EQ(ELF_AddRelocationText(c.sText, -0x10, &sError), 0) << sError;
+    EXPECT_EQ(ELF_ApplyRelocation(c.inside, false), c.inside - 0x10 + (c.inside < 0x10 ? 0x10 : 0));
+    EXPECT_EQ(ELF_ApplyRelocation(c.outside, false), c.outside);
+    ELF_ClearRelocations();
+  }
+  struct {
+    const char* sText;
+    const char* sError;
+  } bad[] = {
+      {"", "no symbols given"},
+      {"0-0", "both ends of the address range are 0"},
+      {"0x100-", "an address range is two numbers, such as 0x8000-0x9000"},
+      {"low-high", "an address range is two numbers, such as 0x8000-0x9000"},
+      {"0x100-0x1FFFFFFFF", "an address range is two numbers, such as 0x8000-0x9000"},
+      {"no_such_symbol", "the program has no section or symbol of that name"},
+      {"a_name_of_sixty_four_characters_is_one_too_long_for_the_table___",
+       "the name is longer than 63 characters"},
+  };
+  for (const auto& c : bad) {
+    SCOPED_TRACE(c.sText);
+    EXPECT_EQ(ELF_AddRelocationText(c.sText, 0x10, &sError), -1);
+    EXPECT_STREQ(sError, c.sError);
+    EXPECT_EQ(ELF_GetRelocationCount(), 0u);
+  }
+  int added = 0;
+  while (ELF_AddRelocationText("main", 4, &sError) == 0)
+    added++;
+  EXPECT_STREQ(sError, "the relocation table is full");
+  EXPECT_GT(added, 0);
+  ELF_Close(pFile);
+}
+
 }  // namespace
