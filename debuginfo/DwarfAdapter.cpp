@@ -1070,6 +1070,14 @@ int DWA_GetLocations(DWA_CONTEXT* pContext, DWA_DIE Die, U16 AttrCode, DWA_LOC_E
         pOp->Operand2 = op2;
         pOp->Operand3 = op3;
         pOp->Offset = branchOffset;
+        // For these operations libdwarf hands the length and a pointer to the bytes: keep the bytes.
+        if (atom == DW_OP_implicit_value || atom == DW_OP_entry_value || atom == DW_OP_GNU_entry_value) {
+          pOp->Operand2 = 0;
+          if (op2 && op1 <= sizeof(pOp->Block)) {
+            memcpy(pOp->Block, (const void*)(uintptr_t)op2, (size_t)op1);
+            pOp->BlockSize = (U8)op1;
+          }
+        }
       }
     }
     n++;

@@ -130,6 +130,10 @@ struct DWA_LOC_OP {
   U64 Operand2;
   U64 Operand3;
   U64 Offset;  // of the operation inside its expression, for branches
+  // The bytes of DW_OP_implicit_value and the expression of DW_OP_entry_value, when they fit here
+  // (Operand1 is their length then); BlockSize 0 otherwise.
+  U8 Block[8] = {};
+  U8 BlockSize = 0;
 };
 struct DWA_LOC_ENTRY {
   U64 Lo;

@@ -12,7 +12,25 @@
 // Sizes above this are corrupt data, not real objects.
 static constexpr U64 kMaxPlausibleSize = 10000000;
 
-ELF_SYM_LOC ELF_TranslateLocExpr(const DWA_LOC_OP* paOps, U32 NumOps, bool FrameBase) {
+// The register that an entry value's expression names (DW_OP_reg0..31 or DW_OP_regx), or -1.
+static I64 _EntryValueRegister(const DWA_LOC_OP& Op) {
+  if (Op.BlockSize != Op.Operand1 || Op.BlockSize == 0)
+    return -1;
+  U8 code = Op.Block[0];
+  if (code >= DW_OP_reg0 && code <= DW_OP_reg31 && Op.BlockSize == 1)
+    return code - DW_OP_reg0;
+  if (code != DW_OP_regx)
+    return -1;
+  U64 reg = 0;
+  for (U32 i = 1, shift = 0; i < Op.BlockSize && shift < 35; i++, shift += 7) {
+    reg |= (U64)(Op.Block[i] & 0x7F) << shift;
+    if (!(Op.Block[i] & 0x80))
+      return i + 1 == Op.BlockSize ? (I64)reg : -1;
+  }
+  return -1;
+}
+
+ELF_SYM_LOC ELF_TranslateLocExpr(const DWA_LOC_OP* paOps, U32 NumOps, bool FrameBase, bool BigEndian) {
   ELF_SYM_LOC loc = {};
   if (!paOps || NumOps == 0)
     return loc;
@@ -21,6 +39,27 @@ ELF_SYM_LOC ELF_TranslateLocExpr(const DWA_LOC_OP* paOps, U32 NumOps, bool Frame
     return loc;  // pieces or arithmetic: unavailable rather than a wrong place
   const DWA_LOC_OP& op = paOps[0];
   U8 code = op.Op;
+  if (code == DW_OP_entry_value || code == DW_OP_GNU_entry_value) {
+    // The value a register had when the function was entered; only as the value itself.
+    I64 reg = stackValue ? _EntryValueRegister(op) : -1;
+    if (reg < 0)
+      return loc;
+    loc.kind = ELF_LOC_ENTRY_VALUE;
+    loc.baseKind = ELF_LOC_REG;
+    loc.baseReg = (U32)reg;
+    return loc;
+  }
+  if (code == DW_OP_implicit_value) {
+    // The value's bytes, in the target's order.
+    if (NumOps != 1 || op.BlockSize == 0 || op.BlockSize != op.Operand1)
+      return loc;
+    loc.kind = ELF_LOC_CONST;
+    for (U32 i = 0; i < op.BlockSize; i++) {
+      U32 at = BigEndian ? i : op.BlockSize - 1 - i;
+      loc.value = (loc.value << 8) | op.Block[at];
+    }
+    return loc;
+  }
   if (code == DW_OP_addr) {
     loc.kind = ELF_LOC_ADDR;
     loc.addr = (U32)op.Operand1;
@@ -120,7 +159,7 @@ ELF_SYM_LOC ELF_GetDieLoc(ELF_FILE* pFile, ELF_DIE Die, U32 Pc) {
       if (!inside)
         continue;
     }
-    loc = ELF_TranslateLocExpr(e.paOps, e.NumOps, frameBase);
+    loc = ELF_TranslateLocExpr(e.paOps, e.NumOps, frameBase, ELF_GetBigEndian() != 0);
     break;
   }
   DWA_FreeLocations(paEntries, n);

@@ -12,7 +12,7 @@ struct ELF_SYM_LOC;
 // is fully captured are translated: one operation, or one operation followed by DW_OP_stack_value.
 // Anything longer (pieces, arithmetic, common at -O2) is kind 0, "unavailable", never a guess.
 // FrameBase: the expression is a function's DW_AT_frame_base.
-ELF_SYM_LOC ELF_TranslateLocExpr(const DWA_LOC_OP* paOps, U32 NumOps, bool FrameBase);
+ELF_SYM_LOC ELF_TranslateLocExpr(const DWA_LOC_OP* paOps, U32 NumOps, bool FrameBase, bool BigEndian = false);
 
 // The location of a DIE at a link address Pc (0: the first entry of a list). Member locations of
 // union members and constant member offsets give kind 14 (at parent location + offset).

@@ -735,6 +735,41 @@ TEST(SymbolLocation, ExpressionsTranslateOrAreUnavailable) {
   }
 }
 
+// Operations that carry bytes: an entry value names the register whose value on entry it is, an
+// implicit value is a constant in the target's byte order.
+TEST(SymbolLocation, EntryAndImplicitValues) {
+  auto withBlock = [](U8 Op, std::vector<U8> Bytes) {
+    DWA_LOC_OP op = {Op, Bytes.size(), 0, 0, 0, {}, (U8)Bytes.size()};
+    std::copy(Bytes.begin(), Bytes.end(), op.Block);
+    return op;
+  };
+  const DWA_LOC_OP stackValue = {DW_OP_stack_value, 0, 0, 0, 3, {}, 0};
+  const DWA_LOC_OP lit1 = {DW_OP_lit1, 0, 0, 0, 3, {}, 0};
+  const struct {
+    std::vector<DWA_LOC_OP> ops;
+    U32 kind;
+    const char* text;
+  } cases[] = {
+      {{withBlock(DW_OP_entry_value, {DW_OP_reg1}), stackValue}, ELF_LOC_ENTRY_VALUE, "R1 (on entry)"},
+      {{withBlock(DW_OP_GNU_entry_value, {DW_OP_regx, 12}), stackValue},
+       ELF_LOC_ENTRY_VALUE,
+       "R12 (on entry)"},
+      {{withBlock(DW_OP_entry_value, {DW_OP_reg1})}, ELF_LOC_NONE, "N/A"},  // an address, not a value
+      {{withBlock(DW_OP_entry_value, {DW_OP_reg2}), lit1, stackValue}, ELF_LOC_NONE, "N/A"},
+      {{withBlock(DW_OP_entry_value, {DW_OP_breg13, 0}), stackValue}, ELF_LOC_NONE, "N/A"},
+      {{withBlock(DW_OP_implicit_value, {0x78, 0x56, 0x34, 0x12})}, ELF_LOC_CONST, "const"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.text);
+    ELF_SYM_LOC loc = ELF_TranslateLocExpr(c.ops.data(), (U32)c.ops.size(), false);
+    EXPECT_EQ(loc.kind, c.kind);
+    EXPECT_EQ(ELF_GetSymLocText(loc).toStdString(), c.text);
+  }
+  DWA_LOC_OP implicit = withBlock(DW_OP_implicit_value, {0x78, 0x56, 0x34, 0x12});
+  EXPECT_EQ(ELF_TranslateLocExpr(&implicit, 1, false, false).value, 0x12345678u);
+  EXPECT_EQ(ELF_TranslateLocExpr(&implicit, 1, false, true).value, 0x78563412u);
+}
+
 // Expected kind of one expression as readelf prints it ("DW_OP_breg3 (r3): 4; DW_OP_stack_value").
 U32 KindOfReadelfExpression(const std::string& sText) {
   std::vector<std::string> ops;
@@ -742,6 +777,10 @@ U32 KindOfReadelfExpression(const std::string& sText) {
   for (auto it = std::sregex_iterator(sText.begin(), sText.end(), reOp); it != std::sregex_iterator(); ++it)
     ops.push_back((*it)[1]);
   bool stackValue = ops.size() == 2 && ops[1] == "DW_OP_stack_value";
+  // An entry value of one register, as a value: "DW_OP_entry_value: (DW_OP_reg1 (r1)); DW_OP_stack_value".
+  if (std::regex_match(
+          sText, std::regex(R"(DW_OP_(GNU_)?entry_value: \(DW_OP_reg\d+ \(r\d+\)\); DW_OP_stack_value)")))
+    return ELF_LOC_ENTRY_VALUE;
   if (ops.empty() || (ops.size() > 1 && !stackValue) || sText.find("entry_value") != std::string::npos)
     return ELF_LOC_NONE;
   const std::string& op = ops[0];
