@@ -1059,6 +1059,92 @@ ELF_CODE_TYPE ELF_GetMemBlockType(U32 Addr) {
   return type;
 }
 
+namespace {
+
+ELF_INSTRUCTION_SIZE g_pfInstructionSize = nullptr;
+
+// The size of the instruction at an address from the program's bytes: 4 in ARM code, 2 or 4 in
+// Thumb code by its first halfword, 0 in data or where the program has no bytes.
+int _InstructionSizeFromProgram(U32 Addr) {
+  ELF_CODE_TYPE type = ELF_GetMemBlockType(Addr);
+  if (type == ELF_CODE_DATA)
+    return 0;
+  if (type == ELF_CODE_ARM)
+    return ELF_GetTargetMemPtr(Addr, Addr + 4) ? 4 : 0;
+  const U8* p = ELF_GetTargetMemPtr(Addr, Addr + 2);
+  if (!p)
+    return 0;
+  // Instructions are little-endian except in BE32 images.
+  bool big = ELF_GetDataEncoding(ELF_GetIndexedFile()) == ELF_ENC_ARM_BE32;
+  U16 halfword = big ? (U16)(p[0] << 8 | p[1]) : (U16)(p[1] << 8 | p[0]);
+  U16 top = halfword >> 11;
+  return top == 0x1D || top == 0x1E || top == 0x1F ? 4 : 2;
+}
+
+}  // namespace
+
+void ELF_SetInstructionSizeFunc(ELF_INSTRUCTION_SIZE pfSize) {
+  std::lock_guard lock(ELF_GetIndexMutex());
+  g_pfInstructionSize = pfSize;
+}
+
+std::vector<ELF_ADDR_LIST> ELF_GetLineAddrBlocks(CSrcLoc Loc) {
+  std::lock_guard lock(ELF_GetIndexMutex());
+  std::vector<ELF_ADDR_LIST> blocks;
+  ELF_ADDR_LIST addrs = ELF_GetAddrs(Loc);
+  auto sizeAt = [](U32 a) {
+    return g_pfInstructionSize ? g_pfInstructionSize(a) : _InstructionSizeFromProgram(a);
+  };
+  auto inBlock = [&](U32 a) {
+    for (const ELF_ADDR_LIST& b : blocks) {
+      if (std::find(b.begin(), b.end(), a) != b.end())
+        return true;
+    }
+    return false;
+  };
+  auto belongs = [&](U32 a) {
+    for (const CSrcLoc& l : ELF_GetSrcLocs(a)) {
+      if (l == Loc)
+        return true;
+    }
+    return false;
+  };
+  for (size_t i = 0; i < addrs.size(); i++) {
+    U32 start = addrs[i];
+    if ((i > 0 && start - addrs[i - 1] < 5) || inBlock(start))
+      continue;
+    ELF_ADDR_LIST block = {start};
+    for (U32 a = start;;) {
+      int size = sizeAt(a);
+      if (size != 2 && size != 4)
+        break;
+      U32 next = a + (U32)size;
+      if (next < a || next - start >= kMaxLineFallback || !belongs(next))
+        break;
+      block.push_back(next);
+      a = next;
+    }
+    // A tail of data (a literal pool the line's code reads) is no code of the line.
+    size_t end = block.size();
+    while (end > 1) {
+      ELF_CODE_TYPE type = ELF_GetCodeType(block[end - 1]);
+      if (type != ELF_CODE_DATA && type != ELF_CODE_NONE)
+        break;
+      end--;
+    }
+    size_t keep = block.size();
+    for (size_t k = end; k < block.size(); k++) {
+      if (ELF_GetCodeType(block[k]) == ELF_CODE_DATA) {
+        keep = k;
+        break;
+      }
+    }
+    block.resize(std::max<size_t>(keep, 1));
+    blocks.push_back(std::move(block));
+  }
+  return blocks;
+}
+
 ELF_CODE_TYPE ELF_GetCodeType(U32 Addr) {
   std::lock_guard lock(ELF_GetIndexMutex());
   CIndexState& s = _IndexState();

@@ -137,6 +137,14 @@ U32 ELF_GetFirstAddr(CSrcLoc Loc);
 CSrcLoc ELF_GetNextCodeLine(CSrcLoc Loc);
 CSrcLoc ELF_GetPrevCodeLine(CSrcLoc Loc);
 bool ELF_IsUniqueCodeLine(CSrcLoc Loc);
+// The code blocks of a line that the compiler scattered: per block its instruction addresses,
+// ascending. A block starts at an address of the line that is 5 bytes or more behind the line's
+// previous address, runs on while the next instruction still belongs to the line (256 bytes at
+// most), and loses a tail of data. Instruction sizes come from the size function (2 or 4 bytes;
+// anything else ends a block); by default they are read from the program's bytes.
+typedef int (*ELF_INSTRUCTION_SIZE)(U32 Addr);
+void ELF_SetInstructionSizeFunc(ELF_INSTRUCTION_SIZE pfSize);
+std::vector<ELF_ADDR_LIST> ELF_GetLineAddrBlocks(CSrcLoc Loc);
 
 // Functions.
 ELF_SYM_HANDLE ELF_GetFuncAt(U32 Addr, bool Outermost);

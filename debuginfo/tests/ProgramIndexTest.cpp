@@ -1466,3 +1466,59 @@ TEST_P(ProgramIndexFixture, LocalsMatchGdbInfoScope) {
 }
 
 }  // namespace
+
+namespace {
+
+// The code blocks of every line: each starts at one of the line's rows in readelf's table, runs
+// through instructions of the line in steps of 2 or 4 bytes, and every row of the line lies in a
+// block or within 5 bytes behind the line's previous row.
+TEST_P(ProgramIndexFixture, LineBlocksCoverTheRowsOfTheirLine) {
+  std::map<CSrcLoc, std::set<uint32_t>> rowsOfLine;
+  for (const auto& row : KeptRows(GetParam())) {
+    if (row.Line < 0)
+      continue;
+    for (const CSrcLoc& loc : ELF_GetSrcLocs(row.Addr)) {
+      if ((int)loc.line == row.Line &&
+          BaseNameOf(loc.file) == QFileInfo(QString::fromStdString(row.File)).fileName().toStdString())
+        rowsOfLine[CSrcLoc{loc.file, loc.line, 0}].insert(row.Addr);
+    }
+  }
+  ASSERT_FALSE(rowsOfLine.empty());
+  int scattered = 0, longBlocks = 0;
+  for (const auto& [loc, rows] : rowsOfLine) {
+    SCOPED_TRACE(BaseNameOf(loc.file) + ":" + std::to_string(loc.line));
+    std::vector<ELF_ADDR_LIST> blocks = ELF_GetLineAddrBlocks(loc);
+    ASSERT_FALSE(blocks.empty());
+    scattered += blocks.size() > 1;
+    std::set<uint32_t> covered;
+    for (const ELF_ADDR_LIST& block : blocks) {
+      ASSERT_FALSE(block.empty());
+      longBlocks += block.size() > 1;
+      EXPECT_TRUE(rows.count(block.front())) << std::hex << block.front();
+      for (size_t i = 0; i < block.size(); i++) {
+        if (i > 0) {
+          U32 step = block[i] - block[i - 1];
+          EXPECT_TRUE(step == 2 || step == 4) << std::hex << block[i];
+        }
+        EXPECT_LT(block[i] - block.front(), 256u);
+        covered.insert(block[i]);
+      }
+    }
+    uint32_t previous = 0;
+    for (uint32_t a : rows) {
+      EXPECT_TRUE(covered.count(a) || (previous && a - previous < 5)) << std::hex << a;
+      previous = a;
+    }
+  }
+  EXPECT_GT(longBlocks, 0);
+  // Instruction sizes from elsewhere: a size nobody knows ends every block at its start.
+  ELF_SetInstructionSizeFunc([](U32) { return 3; });
+  for (const auto& [loc, rows] : rowsOfLine) {
+    for (const ELF_ADDR_LIST& block : ELF_GetLineAddrBlocks(loc))
+      EXPECT_EQ(block.size(), 1u);
+  }
+  ELF_SetInstructionSizeFunc(nullptr);
+  RecordProperty("scattered lines", scattered);
+}
+
+}  // namespace
