@@ -389,8 +389,8 @@ bool _ScanUnitDies(Reader r, const AbbrevTable& Table, const UnitFormat& f, cons
           rec.flags |= DWS_SIZE | (isConst && value ? DWS_SIZE_SET : 0);
           break;
         case ACT_SPEC:
-          rec.flags |= DWS_SPEC;
-          rec.spec = ref;
+          rec.flags |= DWS_COMPLETES;
+          rec.completes = ref;
           break;
         case ACT_ORIGIN:
           rec.flags |= DWS_ORIGIN;
@@ -399,7 +399,7 @@ bool _ScanUnitDies(Reader r, const AbbrevTable& Table, const UnitFormat& f, cons
         case ACT_EXTENSION:
           if (ref) {
             rec.flags |= DWS_EXTENSION;
-            rec.spec = ref;
+            rec.completes = ref;
           }
           break;
         case ACT_MAIN:

@@ -12,9 +12,9 @@
 // One DIE. Offsets are section offsets; 0 means none (offset 0 is always a unit header).
 struct DWS_RECORD {
   U32 offset;
-  U32 parent;  // index of the parent record, kDwsNoParent for a unit's root
-  U32 spec;    // DW_AT_specification target, or for a namespace its DW_AT_extension target
-  U32 origin;  // DW_AT_abstract_origin target
+  U32 parent;     // index of the parent record, kDwsNoParent for a unit's root
+  U32 completes;  // the declaration this DIE completes (DW_AT_specification), or the namespace it extends
+  U32 origin;     // DW_AT_abstract_origin target
   U16 tag;
   U16 flags;  // DWS_* below
 };
@@ -27,11 +27,11 @@ enum : U16 {
   DWS_DECL_SET = 1 << 1,  // ... and non-zero
   DWS_ARTIFICIAL = 1 << 2,
   DWS_ARTIFICIAL_SET = 1 << 3,
-  DWS_SIZE = 1 << 4,      // DW_AT_byte_size present
-  DWS_SIZE_SET = 1 << 5,  // ... as a non-zero constant
-  DWS_SPEC = 1 << 6,      // DW_AT_specification present (the target may be unresolvable: spec 0)
+  DWS_SIZE = 1 << 4,       // DW_AT_byte_size present
+  DWS_SIZE_SET = 1 << 5,   // ... as a non-zero constant
+  DWS_COMPLETES = 1 << 6,  // DW_AT_specification present (its target may be unresolvable: completes 0)
   DWS_ORIGIN = 1 << 7,
-  DWS_EXTENSION = 1 << 8,  // spec holds DW_AT_extension
+  DWS_EXTENSION = 1 << 8,  // completes holds the DW_AT_extension target
   DWS_MAIN = 1 << 9,       // DW_AT_main_subprogram non-zero
   DWS_CHILDREN = 1 << 10,
 };

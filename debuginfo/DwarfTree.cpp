@@ -413,7 +413,7 @@ ELF_DIE _GetDefinitionDie(ELF_FILE* pFile, ELF_DIE Die) {
 
 U64 _GetDeclDieOff(ELF_FILE* pFile, ELF_DIE Die) {
   const DWS_RECORD* pRec = _RecordOf(pFile, Die);
-  return pRec && (pRec->flags & DWS_SPEC) && !(pRec->flags & DWS_EXTENSION) ? pRec->spec : 0;
+  return pRec && (pRec->flags & DWS_COMPLETES) && !(pRec->flags & DWS_EXTENSION) ? pRec->completes : 0;
 }
 
 ELF_DIE _GetAbstractInstanceOf(ELF_FILE* pFile, ELF_DIE Die) {
@@ -678,8 +678,8 @@ bool _RecordHasNonZero(const ELF_DIE_INDEX* d, const DWS_SECTION_SCAN& Scan, boo
     return (Rec.flags & Set) != 0;
   if (Rec.tag == ELF_TAG_NAMESPACE)
     return false;
-  if ((Rec.flags & DWS_SPEC) && !(Rec.flags & DWS_EXTENSION) && Rec.spec) {
-    const DWS_RECORD* pDecl = _RecordIn(Scan, Rec.spec);
+  if ((Rec.flags & DWS_COMPLETES) && !(Rec.flags & DWS_EXTENSION) && Rec.completes) {
+    const DWS_RECORD* pDecl = _RecordIn(Scan, Rec.completes);
     if (pDecl && pDecl != &Rec && (pDecl->flags & Present))
       return (pDecl->flags & Set) != 0;
   }
@@ -1045,8 +1045,8 @@ static void _ParseUnits(ELF_FILE* pFile, CLASSIFIER* c, bool IsInfo, bool TypeUn
 static void _BuildDefinitions(ELF_DIE_INDEX* d) {
   for (bool isInfo : {false, true}) {
     for (const DWS_RECORD& rec : isInfo ? d->info.records : d->types.records) {
-      if ((rec.flags & DWS_SPEC) && !(rec.flags & DWS_EXTENSION) && rec.spec)
-        d->defs[_MakeDieID(rec.spec, isInfo)] = rec.offset;
+      if ((rec.flags & DWS_COMPLETES) && !(rec.flags & DWS_EXTENSION) && rec.completes)
+        d->defs[_MakeDieID(rec.completes, isInfo)] = rec.offset;
     }
   }
 }

@@ -82,9 +82,9 @@ TEST_P(DwarfScanFixture, RecordsMatchReadelf) {
           want.Attrs.at("DW_AT_byte_size").find("byte block") == std::string::npos) {
         EXPECT_EQ((got.flags & DWS_SIZE_SET) != 0, want.Number("DW_AT_byte_size") != 0);
       }
-      EXPECT_EQ((got.flags & DWS_SPEC) != 0, want.Has("DW_AT_specification"));
+      EXPECT_EQ((got.flags & DWS_COMPLETES) != 0, want.Has("DW_AT_specification"));
       if (want.Has("DW_AT_specification")) {
-        EXPECT_EQ(got.spec, want.Number("DW_AT_specification"));
+        EXPECT_EQ(got.completes, want.Number("DW_AT_specification"));
       }
       EXPECT_EQ((got.flags & DWS_ORIGIN) != 0, want.Has("DW_AT_abstract_origin"));
       if (want.Has("DW_AT_abstract_origin")) {
@@ -165,7 +165,7 @@ std::vector<uint8_t> operator+(std::vector<uint8_t> a, const std::vector<uint8_t
   return a;
 }
 
-// A sound unit: "cu" with a declared variable of size 4, and a subprogram whose specification
+// A sound unit: "cu" with a declared variable of size 4, and a subprogram whose DW_AT_specification
 // names the variable, holding a second variable.
 const std::vector<uint8_t> kSoundDies = {1, 'c', 'u', 0, 2, 4, 3, 0x0F, 0, 0, 0, 2, 0, 0, 0, 0};
 
@@ -176,8 +176,8 @@ TEST(DwarfScan, HandMadeUnitsAreRecordedAndBrokenOnesNamed) {
     ASSERT_EQ(r.scan.records.size(), 4u);
     EXPECT_EQ(r.scan.records[0].offset, 11u);
     EXPECT_EQ(r.scan.records[1].flags, DWS_DECL | DWS_DECL_SET | DWS_SIZE | DWS_SIZE_SET);
-    EXPECT_EQ(r.scan.records[2].spec, 0x0Fu);
-    EXPECT_EQ(r.scan.records[2].spec, r.scan.records[1].offset);
+    EXPECT_EQ(r.scan.records[2].completes, 0x0Fu);
+    EXPECT_EQ(r.scan.records[2].completes, r.scan.records[1].offset);
     EXPECT_EQ(r.scan.records[3].parent, 2u);
     EXPECT_EQ(r.scan.records[3].flags & DWS_SIZE_SET, 0);  // byte size 0
   }
