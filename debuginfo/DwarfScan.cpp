@@ -80,34 +80,15 @@ struct Reader {
   }
   U64 Uleb() {
     U64 v = 0;
-    int shift = 0;
-    while (p < end) {
-      U8 b = *p++;
-      if (shift < 64)
-        v |= (U64)(b & 0x7F) << shift;
-      shift += 7;
-      if (!(b & 0x80))
-        return v;
-    }
-    ok = false;
-    return 0;
+    if (!DWS_ReadUleb(p, end, &v))
+      ok = false;
+    return v;
   }
   I64 Sleb() {
     I64 v = 0;
-    int shift = 0;
-    while (p < end) {
-      U8 b = *p++;
-      if (shift < 64)
-        v |= (I64)((U64)(b & 0x7F) << shift);
-      shift += 7;
-      if (!(b & 0x80)) {
-        if (shift < 64 && (b & 0x40))
-          v |= -((I64)1 << shift);
-        return v;
-      }
-    }
-    ok = false;
-    return 0;
+    if (!DWS_ReadSleb(p, end, &v))
+      ok = false;
+    return v;
   }
   void Skip(U64 n) {
     if (Need(n))
@@ -419,6 +400,36 @@ bool _ScanUnitDies(Reader r, const AbbrevTable& Table, const UnitFormat& f, cons
 }
 
 }  // namespace
+
+bool DWS_ReadUleb(const U8*& p, const U8* pEnd, U64* pValue) {
+  U64 v = 0;
+  for (int shift = 0; p < pEnd; shift += 7) {
+    U8 b = *p++;
+    if (shift < 64)
+      v |= (U64)(b & 0x7F) << shift;
+    if (!(b & 0x80)) {
+      *pValue = v;
+      return true;
+    }
+  }
+  return false;
+}
+
+bool DWS_ReadSleb(const U8*& p, const U8* pEnd, I64* pValue) {
+  I64 v = 0;
+  for (int shift = 0; p < pEnd; shift += 7) {
+    U8 b = *p++;
+    if (shift < 64)
+      v |= (I64)((U64)(b & 0x7F) << shift);
+    if (!(b & 0x80)) {
+      if (shift + 7 < 64 && (b & 0x40))
+        v |= -((I64)1 << (shift + 7));
+      *pValue = v;
+      return true;
+    }
+  }
+  return false;
+}
 
 int DWS_ScanSection(const U8* pData, U64 Size, const U8* pAbbrev, U64 AbbrevSize, bool BigEndian,
                     bool IsTypesSection, DWS_SECTION_SCAN* pOut, std::vector<std::string>* pProblems) {

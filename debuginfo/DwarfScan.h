@@ -61,5 +61,9 @@ struct DWS_SECTION_SCAN {
 int DWS_ScanSection(const U8* pData, U64 Size, const U8* pAbbrev, U64 AbbrevSize, bool BigEndian,
                     bool IsTypesSection, DWS_SECTION_SCAN* pOut, std::vector<std::string>* pProblems);
 
+// LEB128 numbers: read one at p and move p behind it. False when the number runs past pEnd.
+bool DWS_ReadUleb(const U8*& p, const U8* pEnd, U64* pValue);
+bool DWS_ReadSleb(const U8*& p, const U8* pEnd, I64* pValue);
+
 // The index of the record at exactly Offset, or -1.
 I64 DWS_FindRecord(const DWS_SECTION_SCAN& Scan, U64 Offset);

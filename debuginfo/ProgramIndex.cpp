@@ -10,6 +10,7 @@
 #include <unordered_map>
 #include <unordered_set>
 
+#include "debuginfo/DwarfScan.h"
 #include "debuginfo/IndexCache.h"
 #include "debuginfo/ProgramIndexState.h"
 #include "debuginfo/SymbolQueries.h"
@@ -436,37 +437,6 @@ int _FindCfi(const CIndexState& s, U32 LinkAddr) {
   return LinkAddr < s.cfiEnds[i] ? (int)i : -1;
 }
 
-bool _ReadUleb(const U8*& p, const U8* pEnd, U64* pValue) {
-  U64 v = 0;
-  for (int shift = 0; p < pEnd; shift += 7) {
-    U8 b = *p++;
-    if (shift < 64)
-      v |= (U64)(b & 0x7F) << shift;
-    if (!(b & 0x80)) {
-      *pValue = v;
-      return true;
-    }
-  }
-  return false;
-}
-
-bool _ReadSleb(const U8*& p, const U8* pEnd, I64* pValue) {
-  I64 v = 0;
-  int shift = 0;
-  for (; p < pEnd; shift += 7) {
-    U8 b = *p++;
-    if (shift < 64)
-      v |= (I64)((U64)(b & 0x7F) << shift);
-    if (!(b & 0x80)) {
-      if (shift + 7 < 64 && (b & 0x40))
-        v |= -((I64)1 << (shift + 7));
-      *pValue = v;
-      return true;
-    }
-  }
-  return false;
-}
-
 // Walks the CFA instructions of one description and keeps the largest absolute CFA offset.
 // Returns -1 for instructions that run past their end or that this walk does not know.
 int _StackSizeFromInstructions(const U8* p, const U8* pEnd, I64 DataAlign) {
@@ -475,14 +445,14 @@ int _StackSizeFromInstructions(const U8* p, const U8* pEnd, I64 DataAlign) {
     U64 u = 0;
     I64 sv = 0;
     for (int i = 0; i < Ulebs; i++) {
-      if (!_ReadUleb(p, pEnd, &u))
+      if (!DWS_ReadUleb(p, pEnd, &u))
         return false;
     }
     for (int i = 0; i < Slebs; i++) {
-      if (!_ReadSleb(p, pEnd, &sv))
+      if (!DWS_ReadSleb(p, pEnd, &sv))
         return false;
     }
-    if (Block && (!_ReadUleb(p, pEnd, &u) || u > (U64)(pEnd - p)))
+    if (Block && (!DWS_ReadUleb(p, pEnd, &u) || u > (U64)(pEnd - p)))
       return false;
     U64 n = Block ? u : (U64)Bytes;
     if (n > (U64)(pEnd - p))
@@ -530,19 +500,19 @@ int _StackSizeFromInstructions(const U8* p, const U8* pEnd, I64 DataAlign) {
           ok = skip(1, 0, 0, false);
           break;
         case 0x0c:  // def_cfa: register, unsigned offset
-          ok = skip(1, 0, 0, false) && _ReadUleb(p, pEnd, &u);
+          ok = skip(1, 0, 0, false) && DWS_ReadUleb(p, pEnd, &u);
           current = (I64)u;
           break;
         case 0x0e:  // def_cfa_offset
-          ok = _ReadUleb(p, pEnd, &u);
+          ok = DWS_ReadUleb(p, pEnd, &u);
           current = (I64)u;
           break;
         case 0x12:  // def_cfa_sf: register, signed factored offset
-          ok = skip(1, 0, 0, false) && _ReadSleb(p, pEnd, &sv);
+          ok = skip(1, 0, 0, false) && DWS_ReadSleb(p, pEnd, &sv);
           current = sv * DataAlign;
           break;
         case 0x13:  // def_cfa_offset_sf
-          ok = _ReadSleb(p, pEnd, &sv);
+          ok = DWS_ReadSleb(p, pEnd, &sv);
           current = sv * DataAlign;
           break;
         case 0x0f:  // def_cfa_expression

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "debuginfo/DwarfScan.h"
 #include "debuginfo/ElfFile.h"
 #include "debuginfo/ProgramIndex.h"
 
@@ -22,12 +23,9 @@ static I64 _EntryValueRegister(const DWA_LOC_OP& Op) {
   if (code != DW_OP_regx)
     return -1;
   U64 reg = 0;
-  for (U32 i = 1, shift = 0; i < Op.BlockSize && shift < 35; i++, shift += 7) {
-    reg |= (U64)(Op.Block[i] & 0x7F) << shift;
-    if (!(Op.Block[i] & 0x80))
-      return i + 1 == Op.BlockSize ? (I64)reg : -1;
-  }
-  return -1;
+  const U8* p = Op.Block + 1;
+  const U8* pEnd = Op.Block + Op.BlockSize;
+  return DWS_ReadUleb(p, pEnd, &reg) && p == pEnd && reg < 0xFFFFFFFFu ? (I64)reg : -1;
 }
 
 ELF_SYM_LOC ELF_TranslateLocExpr(const DWA_LOC_OP* paOps, U32 NumOps, bool FrameBase, bool BigEndian) {
