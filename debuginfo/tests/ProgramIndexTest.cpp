@@ -1522,3 +1522,126 @@ TEST_P(ProgramIndexFixture, LineBlocksCoverTheRowsOfTheirLine) {
 }
 
 }  // namespace
+
+namespace {
+
+// gdb's "info line FILE:LINE" for every line of the line table: the address it names, the end of
+// the code it gives the line (0 for a line it says "contains no code"), and its file and line.
+struct GdbLine {
+  std::string file;
+  int line = 0;
+  uint32_t start = 0, end = 0;
+};
+
+std::optional<std::vector<GdbLine>> GdbInfoLines(const std::string& sFixture,
+                                                 const std::vector<FileLine>& Lines) {
+  std::vector<std::string> commands;
+  for (const auto& [file, line] : Lines) {
+    commands.push_back("echo @@\\n");
+    commands.push_back("info line " + file + ":" + std::to_string(line));
+  }
+  std::optional<std::string> text = gdbrecord::Ask(sFixture, "line-addresses", commands);
+  if (!text)
+    return std::nullopt;
+  std::vector<GdbLine> answers;
+  std::regex reCode(
+      R"re(^Line (\d+) of "([^"]+)" starts at address 0x([0-9a-f]+) .* and ends at 0x([0-9a-f]+))re");
+  std::regex reNoCode(R"re(^Line (\d+) of "([^"]+)" is at address 0x([0-9a-f]+) .* but contains no code)re");
+  // One answer per "@@"; where gdb gives several (a line in several functions) the first counts.
+  bool answered = true;
+  for (const std::string& line : gdbrecord::Lines(*text)) {
+    std::smatch m;
+    if (line == "@@") {
+      answers.push_back({});
+      answered = false;
+    } else if (answered || answers.empty()) {
+      continue;
+    } else if (std::regex_search(line, m, reCode)) {
+      answers.back() = {QFileInfo(QString::fromStdString(m[2])).fileName().toStdString(), std::stoi(m[1]),
+                        (uint32_t)std::stoul(m[3], nullptr, 16), (uint32_t)std::stoul(m[4], nullptr, 16)};
+      answered = true;
+    } else if (std::regex_search(line, m, reNoCode)) {
+      answers.back() = {QFileInfo(QString::fromStdString(m[2])).fileName().toStdString(), std::stoi(m[1]),
+                        (uint32_t)std::stoul(m[3], nullptr, 16), 0};
+      answered = true;
+    }
+  }
+  return answers;
+}
+
+// Every line with code: the address gdb starts it at is one of ours, and the code gdb gives it
+// belongs to the line here too.
+TEST_P(ProgramIndexFixture, LineToAddressesMatchesGdb) {
+  std::set<FileLine> lines;
+  for (const auto& row : KeptRows(GetParam())) {
+    if (row.Line > 0)
+      lines.insert({QFileInfo(QString::fromStdString(row.File)).fileName().toStdString(), row.Line});
+  }
+  std::vector<FileLine> list(lines.begin(), lines.end());
+  auto recorded = GdbInfoLines(GetParam(), list);
+  if (!recorded)
+    GTEST_SKIP() << "no recorded answers and no gdb-multiarch";
+  ASSERT_EQ(recorded->size(), list.size());
+  int withCode = 0;
+  for (size_t i = 0; i < list.size(); i++) {
+    const GdbLine& g = (*recorded)[i];
+    SCOPED_TRACE(list[i].first + ":" + std::to_string(list[i].second));
+    if (g.end == 0 || g.file != list[i].first || g.line != list[i].second)
+      continue;  // no code of its own in gdb's view
+    withCode++;
+    CSrcLoc loc = {};
+    ASSERT_TRUE(
+        ELF_ParseSrcLoc(QString::fromStdString(list[i].first + ":" + std::to_string(list[i].second)), &loc));
+    ELF_ADDR_LIST ours = ELF_GetAddrs(loc);
+    EXPECT_NE(std::find(ours.begin(), ours.end(), g.start), ours.end()) << std::hex << g.start;
+    // Padding behind a function belongs to no line here, where gdb gives it the line before.
+    for (uint32_t a = g.start; a < g.end; a += 2) {
+      if (ELF_GetFuncAt(a, false)) {
+        EXPECT_TRUE(LinesAt(a).count(list[i])) << std::hex << a;
+      }
+    }
+  }
+  EXPECT_GT(withCode, 0);
+}
+
+// The range of every function as gdb's outermost block of the function has it.
+TEST_P(ProgramIndexFixture, FunctionRangesMatchGdb) {
+  std::vector<std::pair<ELF_SYM_HANDLE, CAddrRange>> funcs;
+  std::vector<std::string> commands;
+  for (ELF_SYM_HANDLE h : ELF_GetAllFunctions()) {
+    CAddrRange r = ELF_GetFuncRange(h);
+    if (!_IsDwarfSymbolHandle(h) || r.IsEmpty())
+      continue;
+    funcs.push_back({h, r});
+    char ac[256];
+    snprintf(ac, sizeof(ac),
+             "python exec(\"b=gdb.block_for_pc(0x%x)\\nwhile b.superblock and not b.superblock.is_static: "
+             "b=b.superblock\\nprint('@@', b.function, hex(b.start), hex(b.end))\")",
+             r.start);
+    commands.push_back(ac);
+  }
+  ASSERT_FALSE(funcs.empty());
+  auto text = gdbrecord::Ask(GetParam(), "function-ranges", commands);
+  if (!text)
+    GTEST_SKIP() << "no recorded answers and no gdb-multiarch";
+  std::vector<std::string> answers;
+  for (const std::string& line : gdbrecord::Lines(*text)) {
+    if (line.rfind("@@ ", 0) == 0)
+      answers.push_back(line.substr(3));
+  }
+  ASSERT_EQ(answers.size(), funcs.size());
+  for (size_t i = 0; i < funcs.size(); i++) {
+    const auto& [h, r] = funcs[i];
+    // gdb names C++ functions with their scope and parameters: "shapes::Rect::Area() const".
+    std::string name = answers[i].substr(0, answers[i].find(' '));
+    name = name.substr(0, name.find('('));
+    if (name.rfind("::") != std::string::npos)
+      name = name.substr(name.rfind("::") + 2);
+    char ac[64];
+    snprintf(ac, sizeof(ac), "0x%x 0x%x", r.start, (U32)r.End());
+    EXPECT_EQ(name, ELF_GetSymName(h).toStdString());
+    EXPECT_EQ(answers[i].substr(answers[i].find(" 0x") + 1), ac);
+  }
+}
+
+}  // namespace
