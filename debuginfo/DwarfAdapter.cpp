@@ -123,9 +123,10 @@ int DWA_Init(const DWA_SECTION* paSections, U32 NumSections, bool BigEndian, DWA
   pContext->Interface.object = pContext;
   pContext->Interface.methods = &_Methods;
   Dwarf_Error Err = nullptr;
-  // libdwarf's own record of every allocation costs a fifth of a large load and most of the line-table
-  // time; everything this adapter takes from libdwarf is handed back explicitly instead.
-  dwarf_set_de_alloc_flag(0);
+  // libdwarf keeps a record of its allocations and frees what is left at dwarf_finish: some of its
+  // error paths on corrupt data (location lists, for one) drop objects without freeing them. Since
+  // the bulk of a load no longer goes through libdwarf, the record costs a few percent.
+  dwarf_set_de_alloc_flag(1);
   int r =
       dwarf_object_init_b(&pContext->Interface, nullptr, nullptr, DW_GROUPNUMBER_ANY, &pContext->Dbg, &Err);
   if (r == DW_DLV_NO_ENTRY) {

@@ -332,7 +332,8 @@ bool _ReadPayload(ELF_FILE* pFile, CReader* r) {
     s->lineRows.n++;
   }
   U64 numUnits = 0;
-  if (!r->Count(&numUnits, 3 * sizeof(U64)))
+  // Each unit takes its offset, two versions and the count of its file names at least.
+  if (!r->Count(&numUnits, 2 * sizeof(U64) + 2 * sizeof(U16)))
     return false;
   s->cuInfos.items = _AllocItems<ELF_CU_INFO>(numUnits);
   if (!s->cuInfos.items)
