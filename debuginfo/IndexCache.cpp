@@ -34,6 +34,8 @@ struct CACHE_HEADER {
   U64 payloadHash;
 };
 
+static_assert(sizeof(CACHE_HEADER) == kIndexCacheHeaderSize);
+
 std::mutex g_DirMutex;
 QString g_sDir;
 
@@ -395,6 +397,10 @@ bool _IsOurHeader(const CACHE_HEADER& h, const ELF_FILE* pFile) {
 }
 
 }  // namespace
+
+U64 ELF_IndexCacheHash(const U8* p, U64 Size) {
+  return _HashBytes(p, Size);
+}
 
 void ELF_SetIndexCacheDir(const QString& sDir) {
   std::lock_guard<std::mutex> lock(g_DirMutex);

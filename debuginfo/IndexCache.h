@@ -16,6 +16,11 @@ QString ELF_GetIndexCacheDir();
 // The cache file of a program path.
 QString ELF_GetIndexCachePath(const char* sProgramPath);
 
+// The hash of the file format: of the program's bytes and of the payload, as the header holds them.
+U64 ELF_IndexCacheHash(const U8* p, U64 Size);
+// Where the payload starts in a cache file.
+constexpr U64 kIndexCacheHeaderSize = 48;
+
 // Fills the symbol tree of a freshly opened file from its cache file. 0 when it did; -1 when there
 // is no usable cache (the tree is then untouched and the caller walks the DWARF).
 int ELF_ReadIndexCache(ELF_FILE* pFile);

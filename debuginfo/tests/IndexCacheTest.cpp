@@ -194,6 +194,31 @@ TEST_F(IndexCacheDamage, ForeignStaleOrDamagedCachesArePassedOver) {
     ELF_Deinit();
   }
 
+  // Damage that keeps the hash right: tables that contradict each other are refused as a whole.
+  // The payload opens with 30 bytes of scalars, then the count and the 20-byte DIE records; the
+  // second record's parent (at 4 within the record) is made to point behind it.
+  auto rehashed = [&](QByteArray Bytes) {
+    U64 hash = ELF_IndexCacheHash((const U8*)Bytes.constData() + kIndexCacheHeaderSize,
+                                  (U64)Bytes.size() - kIndexCacheHeaderSize);
+    Bytes.replace(40, 8, QByteArray((const char*)&hash, 8));
+    return Bytes;
+  };
+  const qsizetype parentAt = kIndexCacheHeaderSize + 30 + 8 + 20 + 4;
+  U32 forward = 7;
+  const QByteArray tangled =
+      rehashed(QByteArray(good).replace(parentAt, 4, QByteArray((const char*)&forward, 4)));
+  U64 huge = ~0ull;
+  const QByteArray overlong =
+      rehashed(QByteArray(good).replace(kIndexCacheHeaderSize + 30, 8, QByteArray((const char*)&huge, 8)));
+  for (const QByteArray& bytes : {tangled, overlong}) {
+    writeCache(bytes);
+    OPEN_RESULT r = _Open(path);
+    EXPECT_FALSE(r.fromCache);
+    EXPECT_TRUE(_Logged("is not used: its tables do not fit together"));
+    EXPECT_EQ(r.description, fresh);
+    ELF_Deinit();
+  }
+
   // The program changed under the same path: the old cache belongs to the old bytes.
   writeCache(good);
   CopyFixture("c_O2");
