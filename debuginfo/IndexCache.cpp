@@ -7,6 +7,7 @@
 #include "debuginfo/IndexCache.h"
 
 #include <QByteArray>
+#include <QDateTime>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -390,6 +391,13 @@ void _ResetTree(ELF_FILE* pFile) {
   s->cuCount = s->returnAddrReg = s->cieCount = s->fdeCount = 0;
 }
 
+// Keeps the newest cache files of the folder (a read counts as new) and removes the others.
+void _PruneCacheFolder(const QString& sDir) {
+  QFileInfoList files = QDir(sDir).entryInfoList({"*.zvidx"}, QDir::Files, QDir::Time);
+  for (qsizetype i = kMaxIndexCacheFiles; i < files.size(); i++)
+    QFile::remove(files[i].absoluteFilePath());
+}
+
 bool _IsOurHeader(const CACHE_HEADER& h, const ELF_FILE* pFile) {
   return memcmp(h.magic, kMagic, sizeof(kMagic)) == 0 && h.formatVersion == kFormatVersion &&
          h.byteOrder == 0x01020304 && h.programSize == pFile->fileSize &&
@@ -455,6 +463,10 @@ int ELF_ReadIndexCache(ELF_FILE* pFile) {
     return -1;
   }
   pFile->dwarf.pDies->fromCache = true;
+  // A cache in use is kept longest when the folder is pruned.
+  file.close();
+  if (file.open(QIODevice::ReadWrite))
+    file.setFileTime(QDateTime::currentDateTime(), QFileDevice::FileModificationTime);
   return 0;
 }
 
@@ -487,5 +499,6 @@ int ELF_WriteIndexCache(ELF_FILE* pFile) {
     return -1;
   }
   pFile->dwarf.pDies->fromCache = true;  // the file now matches what is loaded
+  _PruneCacheFolder(QFileInfo(sCache).absolutePath());
   return 0;
 }

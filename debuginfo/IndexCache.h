@@ -10,6 +10,9 @@
 
 struct ELF_FILE;
 
+// The cache folder keeps this many files, those written or read last.
+constexpr int kMaxIndexCacheFiles = 8;
+
 // The folder of the cache files; an empty text switches the cache off (the default).
 void ELF_SetIndexCacheDir(const QString& sDir);
 QString ELF_GetIndexCacheDir();

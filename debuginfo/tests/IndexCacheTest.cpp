@@ -3,6 +3,7 @@
 // written leaves the loaded index alone.
 #include <gtest/gtest.h>
 
+#include <QDateTime>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -228,6 +229,30 @@ TEST_F(IndexCacheDamage, ForeignStaleOrDamagedCachesArePassedOver) {
   ELF_Deinit();
   ELF_SetIndexCacheDir(QString());
   EXPECT_EQ(changed.description, _Open(path).description);
+}
+
+// The folder keeps the caches written or read last; the oldest go.
+TEST_F(IndexCacheDamage, TheFolderKeepsTheNewestCaches) {
+  std::vector<std::string> paths;
+  for (int i = 0; i < kMaxIndexCacheFiles + 2; i++) {
+    paths.push_back(CopyFixture("c_O0", QString("p%1.elf").arg(i)));
+    ASSERT_EQ(_Open(paths.back()).rc, 0);
+    ASSERT_EQ(ELF_SaveIndexCache(), 0);
+    ELF_Deinit();
+    // File times have a resolution; a read of the first program makes it the newest.
+    QFile cache(ELF_GetIndexCachePath(paths.back().c_str()));
+    ASSERT_TRUE(cache.open(QIODevice::ReadWrite));
+    cache.setFileTime(QDateTime::currentDateTime().addSecs(i - 100), QFileDevice::FileModificationTime);
+    if (i == kMaxIndexCacheFiles - 1) {
+      EXPECT_TRUE(_Open(paths.front()).fromCache);
+      ELF_Deinit();
+    }
+  }
+  EXPECT_EQ(QDir(m_Dir.filePath("cache")).entryList({"*.zvidx"}, QDir::Files).size(), kMaxIndexCacheFiles);
+  EXPECT_TRUE(QFileInfo::exists(ELF_GetIndexCachePath(paths[0].c_str())));
+  EXPECT_FALSE(QFileInfo::exists(ELF_GetIndexCachePath(paths[1].c_str())));
+  EXPECT_FALSE(QFileInfo::exists(ELF_GetIndexCachePath(paths[2].c_str())));
+  EXPECT_TRUE(QFileInfo::exists(ELF_GetIndexCachePath(paths.back().c_str())));
 }
 
 TEST_F(IndexCacheDamage, SavingNeedsAFolderAndALoadedProgram) {
