@@ -6,12 +6,14 @@
 // points into, so a damaged file is refused, never half used.
 #include "debuginfo/IndexCache.h"
 
+#include <sys/mman.h>
 #include <QByteArray>
 #include <QDateTime>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QSaveFile>
+
 #include <cstring>
 #include <mutex>
 #include <type_traits>
@@ -41,14 +43,31 @@ std::mutex g_DirMutex;
 QString g_sDir;
 
 // A fast 64-bit hash of a byte block, eight bytes at a time.
-U64 _HashBytes(const U8* p, U64 n) {
+// Pages of a mapped file that were read are handed back at this granularity, so that a large cache
+// is not resident twice (mapped and copied) while it is checked and read.
+constexpr uintptr_t kReleaseStep = 1 << 23;
+
+void _ReleasePages(const U8* pFrom, const U8* pTo) {
+  const uintptr_t page = 4096;
+  uintptr_t from = ((uintptr_t)pFrom + page - 1) & ~(page - 1);
+  uintptr_t to = (uintptr_t)pTo & ~(page - 1);
+  if (to > from)
+    madvise((void*)from, to - from, MADV_DONTNEED);
+}
+
+// Release: the bytes are a mapped file whose pages may be handed back once hashed.
+U64 _HashBytes(const U8* p, U64 n, bool Release = false) {
   U64 h = 0x9E3779B97F4A7C15ull ^ n;
-  U64 i = 0;
+  U64 i = 0, released = 0;
   for (; i + 8 <= n; i += 8) {
     U64 w;
     memcpy(&w, p + i, 8);
     h = (h ^ w) * 0xFF51AFD7ED558CCDull;
     h ^= h >> 32;
+    if (Release && i - released >= kReleaseStep) {
+      _ReleasePages(p + released, p + i);
+      released = i;
+    }
   }
   U64 tail = 0;
   memcpy(&tail, p + i, (size_t)(n - i));
@@ -118,9 +137,16 @@ class CReader {
     if (!Count(&n, sizeof(T)))
       return false;
     pv->resize((size_t)n);
-    if (n)
-      memcpy(pv->data(), m_p, (size_t)(n * sizeof(T)));
-    m_p += n * sizeof(T);
+    // In steps, handing back each step's mapped pages, so the bytes are never resident twice.
+    U8* pTo = (U8*)pv->data();
+    for (U64 left = n * sizeof(T); left > 0;) {
+      U64 step = left < kReleaseStep ? left : kReleaseStep;
+      memcpy(pTo, m_p, (size_t)step);
+      pTo += step;
+      m_p += step;
+      left -= step;
+      _ReleaseRead();
+    }
     return true;
   }
   // A string as a malloc'ed copy (the owners free with free()).
@@ -172,8 +198,15 @@ class CReader {
   }
 
  private:
+  void _ReleaseRead() {
+    if ((uintptr_t)(m_p - m_released) >= kReleaseStep) {
+      _ReleasePages(m_released, m_p);
+      m_released = m_p;
+    }
+  }
   const U8* m_p;
   const U8* m_end;
+  const U8* m_released = m_p;
 };
 
 // Records ascending by offset, parents before their children and inside their unit, units covering
@@ -448,7 +481,7 @@ int ELF_ReadIndexCache(ELF_FILE* pFile) {
   if (!_IsOurHeader(h, pFile))
     sWhy = "it belongs to another program, another version of it or another format";
   else if (h.payloadSize != (U64)size - sizeof(h) ||
-           h.payloadHash != _HashBytes(p + sizeof(h), h.payloadSize))
+           h.payloadHash != _HashBytes(p + sizeof(h), h.payloadSize, true))
     sWhy = "it is damaged";
   if (!sWhy) {
     CReader r(p + sizeof(h), h.payloadSize);
