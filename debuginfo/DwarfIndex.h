@@ -3,11 +3,14 @@
 // and read it as it stands.
 #pragma once
 
+#include <string>
 #include <unordered_map>
 #include <utility>
 #include <vector>
 
 #include "debuginfo/DwarfScan.h"
+
+struct DWA_DIE_OPAQUE;
 
 // A multi-map from a scope's DIE identifier to DIE identifiers, values in the order they were added.
 struct ELF_SCOPE_MAP {
@@ -32,4 +35,10 @@ struct ELF_DIE_INDEX {
   ELF_SCOPE_MAP localVars, members, inheritance;
   std::unordered_map<U32, std::vector<U64>> srcFileUnits;  // djb2 of a file name -> unit identifiers
   bool fromCache = false;                                  // the load read these tables from the index cache
+
+  // Not kept in the cache: what queries fetch and build as they go, and the load's own helper.
+  std::unordered_map<U64, DWA_DIE_OPAQUE*> dieById;   // libdwarf DIEs fetched by queries (null: none there)
+  std::unordered_map<U64, std::string> dieTypeNames;  // type texts by DIE identifier
+  std::unordered_map<U64, std::string> dieNames;      // normalised base type names by DIE identifier
+  std::unordered_map<U32, U32> lineFileIdx;           // djb2 of a line table's file name -> its index
 };

@@ -6,8 +6,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "debuginfo/DwarfIndex.h"
 #include "debuginfo/DwarfTreeInternal.h"
-#include "debuginfo/ElfHash.h"
 
 /*********************************************************************
  * Names
@@ -82,18 +82,13 @@ static const char* _GetOwnName(ELF_FILE* pFile, ELF_DIE Die) {
     return sName;
   ELF_DWARF_STATE* s = _State(pFile);
   U64 id = _GetDieID(pFile, Die);
-  const char* sCached = (const char*)(uintptr_t)ELF_HashGet(s->dieNames, id);
-  if (sCached)
-    return sCached;
+  auto it = s->pDies->dieNames.find(id);
+  if (it != s->pDies->dieNames.end())
+    return it->second.c_str();
   char acName[kTypeTextSize];
   snprintf(acName, sizeof(acName), "%s", sName);
   ELF_NormaliseBaseTypeName(acName, sizeof(acName));
-  char* sCopy = strdup(acName);
-  if (!sCopy || ELF_HashPut(s->dieNames, id, (U64)(uintptr_t)sCopy) < 0) {
-    free(sCopy);
-    return sName;
-  }
-  return sCopy;
+  return s->pDies->dieNames.emplace(id, acName).first->second.c_str();
 }
 
 const char* _GetDieName(ELF_FILE* pFile, ELF_DIE Die, int Depth) {
@@ -263,20 +258,15 @@ const char* _GetDieTypeStr(ELF_FILE* pFile, ELF_DIE Die) {
   ELF_TRACE_DIE(_GetDieOffset(pFile, Die));
   ELF_DWARF_STATE* s = _State(pFile);
   U64 id = _GetDieID(pFile, Die);
-  const char* sCached = (const char*)(uintptr_t)ELF_HashGet(s->dieTypeNames, id);
-  if (sCached)
-    return sCached;
+  auto it = s->pDies->dieTypeNames.find(id);
+  if (it != s->pDies->dieTypeNames.end())
+    return it->second.c_str();
   char acText[kTypeTextSize] = "";
   _BuildDieDataTypeName(pFile, Die, acText, 0);
   size_t len = strlen(acText);
   if (len == 0 || len > kMaxKeptTypeText)
     return nullptr;
-  char* sCopy = strdup(acText);
-  if (!sCopy || ELF_HashPut(s->dieTypeNames, id, (U64)(uintptr_t)sCopy) < 0) {
-    free(sCopy);
-    return nullptr;
-  }
-  return sCopy;
+  return s->pDies->dieTypeNames.emplace(id, acText).first->second.c_str();
 }
 
 static const ELF_CU_INFO* _FindCuInfo(ELF_FILE* pFile, U64 CuOffset) {

@@ -5,7 +5,6 @@
 
 #include "app/base/Types.h"
 
-struct ELF_HASH_TABLE;
 struct ELF_DIE_INDEX;
 struct DWA_CONTEXT;
 struct DWA_SECTION;
@@ -72,10 +71,7 @@ struct ELF_DWARF_STATE {
   U32 returnAddrReg;
   U32 cieCount;
   U32 fdeCount;
-  ELF_DIE_INDEX* pDies;     // one record per DIE, the per-scope lists, the source files' units
-  ELF_HASH_TABLE* dieById;  // libdwarf DIEs fetched by queries, by DIE identifier
-  ELF_HASH_TABLE* dieTypeNames;
-  ELF_HASH_TABLE* dieNames;  // normalised base type names, by DIE identifier
+  ELF_DIE_INDEX* pDies;  // one record per DIE, per-scope lists, source files' units, query caches
   ELF_ID_LIST globalVars;
   ELF_ID_LIST namespaces;
   ELF_ID_LIST namespaceExts;
@@ -85,7 +81,6 @@ struct ELF_DWARF_STATE {
   ELF_ID_LIST inlineFuncs;
   ELF_STRING_LIST srcFileNames;
   ELF_STRING_LIST lineFileNames;
-  ELF_HASH_TABLE* lineFileIdx;  // djb2 hash of a line file name -> index + 1 in lineFileNames
   ELF_LINE_ROWS lineRows;
   ELF_CU_INFOS cuInfos;
   DWA_SECTION* paSections;  // what libdwarf reads, pointing into the image

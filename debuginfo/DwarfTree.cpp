@@ -14,7 +14,6 @@
 #include "debuginfo/DwarfIndex.h"
 #include "debuginfo/DwarfTreeInternal.h"
 #include "debuginfo/ElfFile.h"
-#include "debuginfo/ElfHash.h"
 #include "debuginfo/IndexCache.h"
 
 /*********************************************************************
@@ -221,8 +220,8 @@ U16 _GetDieType(ELF_FILE* pFile, ELF_DIE Die) {
 }
 
 static bool _IsStored(ELF_FILE* pFile, ELF_DIE Die) {
-  U64 id = _GetDieID(pFile, Die);
-  return (ELF_DIE)(uintptr_t)ELF_HashGet(_State(pFile)->dieById, id) == Die;
+  auto it = _Dies(pFile)->dieById.find(_GetDieID(pFile, Die));
+  return it != _Dies(pFile)->dieById.end() && it->second == Die;
 }
 
 ELF_DIE _GetDieAtOffset(ELF_FILE* pFile, U64 Offset, bool IsInfo) {
@@ -234,18 +233,16 @@ ELF_DIE _GetDieAtOffset(ELF_FILE* pFile, U64 Offset, bool IsInfo) {
 static ELF_DIE _FetchDie(ELF_FILE* pFile, U64 Offset, bool IsInfo) {
   if (!pFile || !_Ctx(pFile))
     return nullptr;
-  U64 id = _MakeDieID(Offset, IsInfo);
-  ELF_DIE die = (ELF_DIE)(uintptr_t)ELF_HashGet(_State(pFile)->dieById, id);
-  if (die)
-    return die;
-  die = DWA_GetDieAtOffset(_Ctx(pFile), Offset, IsInfo);
-  if (!die)
-    return nullptr;
-  if (_GetDieOffset(pFile, die) != Offset ||
-      ELF_HashPut(_State(pFile)->dieById, id, (U64)(uintptr_t)die) < 0) {
+  auto [it, fresh] = _Dies(pFile)->dieById.try_emplace(_MakeDieID(Offset, IsInfo), nullptr);
+  if (!fresh)
+    return it->second;
+  ELF_DIE die = DWA_GetDieAtOffset(_Ctx(pFile), Offset, IsInfo);
+  if (die && _GetDieOffset(pFile, die) != Offset) {
     DWA_ReleaseDie(_Ctx(pFile), die);
-    return nullptr;
+    die = nullptr;
   }
+  // A miss is kept too, so that a bad offset is not asked of libdwarf again.
+  it->second = die;
   return die;
 }
 
@@ -849,14 +846,16 @@ static void _RecordLineRows(ELF_FILE* pFile, ELF_DIE CuDie, ELF_CU_INFO* pCu) {
   for (U32 i = 0; i < n; i++) {
     const DWA_LINE* pLine = &paLines[i];
     U32 key = ELF_Djb2Hash(pLine->sFile);
-    U64 index = ELF_HashGet(s->lineFileIdx, key);
-    if (index == 0) {
+    auto [it, fresh] = s->pDies->lineFileIdx.try_emplace(key, 0);
+    if (fresh) {
       int added = _StringListAppend(&s->lineFileNames, pLine->sFile);
-      if (added < 0)
+      if (added < 0) {
+        s->pDies->lineFileIdx.erase(it);
         continue;
-      index = (U64)added + 1;
-      ELF_HashPut(s->lineFileIdx, key, index);
+      }
+      it->second = (U32)added;
     }
+    U64 index = it->second + 1;
     ELF_LINE_ROW row;
     memset(&row, 0, sizeof(row));
     row.addr = (U32)pLine->Addr;
@@ -905,11 +904,7 @@ static long _Ms(clock_t Start, clock_t End) {
 static int _CreateTables(ELF_FILE* pFile) {
   ELF_DWARF_STATE* s = _State(pFile);
   s->pDies = new (std::nothrow) ELF_DIE_INDEX;
-  s->dieById = ELF_HashCreate(4093, 8, ELF_HASH_DIES);
-  s->dieTypeNames = ELF_HashCreate(4093, 8, ELF_HASH_STRINGS);
-  s->dieNames = ELF_HashCreate(97, 8, ELF_HASH_STRINGS);
-  s->lineFileIdx = ELF_HashCreate(997, 8, ELF_HASH_PLAIN);
-  return s->pDies && s->dieById && s->dieTypeNames && s->dieNames && s->lineFileIdx ? 0 : -1;
+  return s->pDies ? 0 : -1;
 }
 
 // The table headers of a DWARF 5 .debug_rnglists or .debug_loclists section. libdwarf 20210528
@@ -1138,31 +1133,42 @@ int ELF_ParseDebugInfo(ELF_FILE* pFile) {
   return 0;
 }
 
-static void _ReleaseStoredDie(void* pContext, U64 Value) {
-  DWA_ReleaseDie((DWA_CONTEXT*)pContext, (DWA_DIE)(uintptr_t)Value);
+void _ReleaseTreeTables(ELF_FILE* pFile) {
+  ELF_DWARF_STATE* s = _State(pFile);
+  if (s->pDies) {
+    for (const auto& [id, die] : s->pDies->dieById) {
+      if (die)
+        DWA_ReleaseDie(_Ctx(pFile), die);
+    }
+    *s->pDies = ELF_DIE_INDEX();
+  }
+  for (U32 list = 0; list < kNumDieLists; list++) {
+    ELF_ID_LIST* pList = _GetIdList(pFile, (ELF_DIE_LIST)list);
+    free(pList->items);
+    *pList = {};
+  }
+  for (ELF_STRING_LIST* pList : {&s->srcFileNames, &s->lineFileNames}) {
+    for (U32 i = 0; i < pList->n; i++)
+      free(pList->items[i]);
+    free(pList->items);
+    *pList = {};
+  }
+  free(s->lineRows.items);
+  s->lineRows = {};
+  for (U32 i = 0; i < s->cuInfos.n; i++)
+    DWA_FreeStrings(s->cuInfos.items[i].fileNames, s->cuInfos.items[i].fileCount);
+  free(s->cuInfos.items);
+  s->cuInfos = {};
+  s->dwarfVersion = 0;
+  s->mainSym = 0;
+  s->srcLanguage = ELF_SRC_LANG_C;
+  s->cuCount = s->returnAddrReg = s->cieCount = s->fdeCount = 0;
 }
 
 void ELF_FreeDebugInfo(ELF_FILE* pFile) {
   ELF_DWARF_STATE* s = _State(pFile);
-  ELF_HashFree(s->dieById, _ReleaseStoredDie, s->pDwarf);
-  ELF_HASH_TABLE* apTables[] = {s->dieTypeNames, s->dieNames, s->lineFileIdx};
-  for (ELF_HASH_TABLE* pTable : apTables)
-    ELF_HashFree(pTable);
+  _ReleaseTreeTables(pFile);
   delete s->pDies;
-  ELF_ID_LIST* apLists[] = {&s->globalVars, &s->namespaces, &s->namespaceExts, &s->types,
-                            &s->compUnits,  &s->functions,  &s->inlineFuncs};
-  for (ELF_ID_LIST* pList : apLists)
-    free(pList->items);
-  for (U32 i = 0; i < s->srcFileNames.n; i++)
-    free(s->srcFileNames.items[i]);
-  free(s->srcFileNames.items);
-  for (U32 i = 0; i < s->lineFileNames.n; i++)
-    free(s->lineFileNames.items[i]);
-  free(s->lineFileNames.items);
-  free(s->lineRows.items);
-  for (U32 i = 0; i < s->cuInfos.n; i++)
-    DWA_FreeStrings(s->cuInfos.items[i].fileNames, s->cuInfos.items[i].fileCount);
-  free(s->cuInfos.items);
   DWA_Finish(s->pDwarf);
   free(s->paSections);
   memset(s, 0, sizeof(*s));
@@ -1198,7 +1204,7 @@ int ELF_GetFrameRules(ELF_FILE* pFile, U32 Pc, DWA_REG_RULE* paRules, DWA_REG_RU
  * Lists
  */
 
-static const ELF_ID_LIST* _GetList(ELF_FILE* pFile, ELF_DIE_LIST List) {
+ELF_ID_LIST* _GetIdList(ELF_FILE* pFile, ELF_DIE_LIST List) {
   ELF_DWARF_STATE* s = _State(pFile);
   switch (List) {
     case ELF_LIST_GLOBAL_VARS:
@@ -1222,14 +1228,14 @@ static const ELF_ID_LIST* _GetList(ELF_FILE* pFile, ELF_DIE_LIST List) {
 U32 ELF_GetDieListCount(ELF_FILE* pFile, ELF_DIE_LIST List) {
   if (!ELF_IsValidFile(pFile))
     return 0;
-  const ELF_ID_LIST* p = _GetList(pFile, List);
+  const ELF_ID_LIST* p = _GetIdList(pFile, List);
   return p ? p->n : 0;
 }
 
 ELF_SYM_HANDLE ELF_GetDieListHandle(ELF_FILE* pFile, ELF_DIE_LIST List, U32 n) {
   if (!ELF_IsValidFile(pFile))
     return 0;
-  const ELF_ID_LIST* p = _GetList(pFile, List);
+  const ELF_ID_LIST* p = _GetIdList(pFile, List);
   if (!p || n >= p->n)
     return 0;
   return ELF_MakeDwarfHandle(ELF_GetFileIndex(pFile), p->items[n]);

@@ -20,6 +20,7 @@
 
 #include "debuginfo/DwarfIndex.h"
 #include "debuginfo/DwarfTree.h"
+#include "debuginfo/DwarfTreeInternal.h"
 #include "debuginfo/ElfFile.h"
 
 namespace {
@@ -231,13 +232,6 @@ bool _IsSoundScan(const DWS_SECTION_SCAN& Scan) {
   return next == recs.size();
 }
 
-ELF_ID_LIST* _Lists(ELF_DWARF_STATE* s, int i) {
-  ELF_ID_LIST* ap[] = {&s->globalVars, &s->namespaces, &s->namespaceExts, &s->types,
-                       &s->compUnits,  &s->functions,  &s->inlineFuncs};
-  return ap[i];
-}
-constexpr int kNumLists = 7;
-
 void _WritePayload(ELF_FILE* pFile, CWriter* w) {
   ELF_DWARF_STATE* s = &pFile->dwarf;
   const ELF_DIE_INDEX* d = s->pDies;
@@ -257,8 +251,8 @@ void _WritePayload(ELF_FILE* pFile, CWriter* w) {
   w->ScopeMap(d->localVars);
   w->ScopeMap(d->members);
   w->ScopeMap(d->inheritance);
-  for (int i = 0; i < kNumLists; i++)
-    w->Array(_Lists(s, i)->items, _Lists(s, i)->n);
+  for (U32 list = 0; list < kNumDieLists; list++)
+    w->Array(_GetIdList(pFile, (ELF_DIE_LIST)list)->items, _GetIdList(pFile, (ELF_DIE_LIST)list)->n);
   w->Value((U64)s->srcFileNames.n);
   for (U32 i = 0; i < s->srcFileNames.n; i++) {
     w->String(s->srcFileNames.items[i]);
@@ -324,8 +318,8 @@ bool _ReadPayload(ELF_FILE* pFile, CReader* r) {
       !r->ScopeMap(&d->members) || !r->ScopeMap(&d->inheritance)) {
     return false;
   }
-  for (int i = 0; i < kNumLists; i++) {
-    ELF_ID_LIST* pList = _Lists(s, i);
+  for (U32 list = 0; list < kNumDieLists; list++) {
+    ELF_ID_LIST* pList = _GetIdList(pFile, (ELF_DIE_LIST)list);
     U64 n = 0;
     if (!r->Count(&n, sizeof(U64)) || n > 0xFFFFFFF0ull)
       return false;
@@ -395,35 +389,6 @@ bool _ReadPayload(ELF_FILE* pFile, CReader* r) {
   return r->ok && r->AtEnd();
 }
 
-// Empties what a failed read filled, so that the walk starts from clean tables.
-void _ResetTree(ELF_FILE* pFile) {
-  ELF_DWARF_STATE* s = &pFile->dwarf;
-  *s->pDies = ELF_DIE_INDEX();
-  for (int i = 0; i < kNumLists; i++) {
-    free(_Lists(s, i)->items);
-    *_Lists(s, i) = {};
-  }
-  for (ELF_STRING_LIST* pList : {&s->srcFileNames, &s->lineFileNames}) {
-    for (U32 i = 0; i < pList->n; i++)
-      free(pList->items[i]);
-    free(pList->items);
-    *pList = {};
-  }
-  free(s->lineRows.items);
-  s->lineRows = {};
-  for (U32 i = 0; i < s->cuInfos.n; i++) {
-    for (U32 f = 0; f < s->cuInfos.items[i].fileCount; f++)
-      free(s->cuInfos.items[i].fileNames[f]);
-    free(s->cuInfos.items[i].fileNames);
-  }
-  free(s->cuInfos.items);
-  s->cuInfos = {};
-  s->dwarfVersion = 0;
-  s->mainSym = 0;
-  s->srcLanguage = ELF_SRC_LANG_C;
-  s->cuCount = s->returnAddrReg = s->cieCount = s->fdeCount = 0;
-}
-
 // Keeps the newest cache files of the folder (a read counts as new) and removes the others.
 void _PruneCacheFolder(const QString& sDir) {
   QFileInfoList files = QDir(sDir).entryInfoList({"*.zvidx"}, QDir::Files, QDir::Time);
@@ -487,7 +452,7 @@ int ELF_ReadIndexCache(ELF_FILE* pFile) {
     CReader r(p + sizeof(h), h.payloadSize);
     if (!_ReadPayload(pFile, &r)) {
       sWhy = "its tables do not fit together";
-      _ResetTree(pFile);
+      _ReleaseTreeTables(pFile);  // the walk starts from clean tables
     }
   }
   file.unmap(const_cast<U8*>(p));
