@@ -198,14 +198,27 @@ static ELF_DIE_INDEX* _Dies(ELF_FILE* pFile) {
   return _State(pFile)->pDies;
 }
 
+static const DWS_SECTION_SCAN& _ScanOf(const ELF_DIE_INDEX* d, bool IsInfo) {
+  return IsInfo ? d->info : d->types;
+}
+
 // The record of the DIE at an offset, or null when the walk did not see one there.
+static const DWS_RECORD* _RecordIn(const DWS_SECTION_SCAN& Scan, U64 Offset) {
+  I64 i = DWS_FindRecord(Scan, Offset);
+  return i < 0 ? nullptr : &Scan.records[(size_t)i];
+}
+
 static const DWS_RECORD* _RecordAt(ELF_FILE* pFile, U64 Offset, bool IsInfo) {
-  ELF_DIE_INDEX* d = _Dies(pFile);
-  if (!d)
-    return nullptr;
-  const DWS_SECTION_SCAN& scan = IsInfo ? d->info : d->types;
-  I64 i = DWS_FindRecord(scan, Offset);
-  return i < 0 ? nullptr : &scan.records[(size_t)i];
+  return _Dies(pFile) ? _RecordIn(_ScanOf(_Dies(pFile), IsInfo), Offset) : nullptr;
+}
+
+// The definition of a declaration (a member function defined out of line): its offset, or 0. A
+// DIE that is no declaration and has a byte size is a definition itself.
+static U64 _RecordDefinition(const ELF_DIE_INDEX* d, const DWS_RECORD& Rec, bool IsInfo) {
+  if (!(Rec.flags & DWS_DECL_SET) && (Rec.flags & DWS_SIZE))
+    return 0;
+  auto it = d->defs.find(_MakeDieID(Rec.offset, IsInfo));
+  return it == d->defs.end() ? 0 : it->second;
 }
 
 static const DWS_RECORD* _RecordOf(ELF_FILE* pFile, ELF_DIE Die) {
@@ -382,30 +395,28 @@ bool _IsDeclarationDie(ELF_FILE* pFile, ELF_DIE Die) {
 }
 
 ELF_DIE _GetDefinitionDie(ELF_FILE* pFile, ELF_DIE Die) {
-  if (!Die)
-    return nullptr;
-  DWA_VALUE v;
-  bool isDecl = DWA_GetAttr(_Ctx(pFile), Die, DW_AT_declaration, &v) == 1 && v.u != 0;
-  bool hasSize = DWA_GetAttr(_Ctx(pFile), Die, DW_AT_byte_size, &v) == 1;
-  if (!isDecl && hasSize)
+  const DWS_RECORD* pRec = _RecordOf(pFile, Die);
+  if (!pRec)
     return nullptr;
   ELF_DIE_INDEX* d = _Dies(pFile);
+  bool isInfo = DWA_IsInfo(Die);
   // A declaration that names a type unit (DW_AT_signature) is defined by the unit's type DIE.
-  if (isDecl && d && _CreateDieAttr(pFile, Die, DW_AT_signature, &v) && v.Kind == DWA_VALUE_SIGNATURE) {
+  DWA_VALUE v;
+  if ((pRec->flags & DWS_DECL_SET) && _CreateDieAttr(pFile, Die, DW_AT_signature, &v) &&
+      v.Kind == DWA_VALUE_SIGNATURE) {
     auto unit = d->typeUnits.find(v.u);
-    bool isInfo = false;
-    U64 typeOffset = unit != d->typeUnits.end() ? _IdToOffset(unit->second, &isInfo) : 0;
-    ELF_DIE def = typeOffset ? _GetDieAtOffset(pFile, typeOffset, isInfo) : nullptr;
+    bool isTypeInfo = false;
+    U64 typeOffset = unit != d->typeUnits.end() ? _IdToOffset(unit->second, &isTypeInfo) : 0;
+    ELF_DIE def = typeOffset ? _GetDieAtOffset(pFile, typeOffset, isTypeInfo) : nullptr;
     if (def && def != Die)
       return def;
   }
-  auto it = d ? d->defs.find(_GetDieID(pFile, Die)) : std::unordered_map<U64, U64>::iterator();
-  U64 offset = d && it != d->defs.end() ? it->second : 0;
+  U64 offset = _RecordDefinition(d, *pRec, isInfo);
   if (offset == 0)
     return nullptr;
-  if (offset == _GetDieOffset(pFile, Die))
+  if (offset == pRec->offset)
     return Die;
-  return _GetDieAtOffset(pFile, offset, DWA_IsInfo(Die));
+  return _GetDieAtOffset(pFile, offset, isInfo);
 }
 
 U64 _GetDeclDieOff(ELF_FILE* pFile, ELF_DIE Die) {
@@ -484,7 +495,7 @@ static U64 _FindAncestorOff(ELF_FILE* pFile, U64 Offset, bool IsInfo, const U16*
   ELF_DIE_INDEX* d = _Dies(pFile);
   if (!d)
     return 0;
-  const DWS_SECTION_SCAN& scan = IsInfo ? d->info : d->types;
+  const DWS_SECTION_SCAN& scan = _ScanOf(d, IsInfo);
   I64 i = DWS_FindRecord(scan, Offset);
   // Parents always stand before their children, so the walk up ends.
   U32 parent = i < 0 ? kDwsNoParent : scan.records[(size_t)i].parent;
@@ -511,8 +522,7 @@ ELF_DIE _GetParentDie(ELF_FILE* pFile, ELF_DIE Die) {
   const DWS_RECORD* pRec = _RecordOf(pFile, Die);
   if (!pRec || pRec->parent == kDwsNoParent)
     return nullptr;
-  ELF_DIE_INDEX* d = _Dies(pFile);
-  const DWS_SECTION_SCAN& scan = DWA_IsInfo(Die) ? d->info : d->types;
+  const DWS_SECTION_SCAN& scan = _ScanOf(_Dies(pFile), DWA_IsInfo(Die));
   return _GetDieAtOffset(pFile, scan.records[pRec->parent].offset, DWA_IsInfo(Die));
 }
 
@@ -651,19 +661,6 @@ struct CLASSIFIER {
   ELF_DIE_INDEX* d;
   std::vector<std::pair<U64, U64>> locals, members, inheritance;
 };
-
-const DWS_RECORD* _RecordIn(const DWS_SECTION_SCAN& Scan, U64 Offset) {
-  I64 i = DWS_FindRecord(Scan, Offset);
-  return i < 0 ? nullptr : &Scan.records[(size_t)i];
-}
-
-// The definition of a declaration (a member function defined out of line): its offset, or 0.
-U64 _RecordDefinition(const ELF_DIE_INDEX* d, const DWS_RECORD& Rec, bool IsInfo) {
-  if (!(Rec.flags & DWS_DECL_SET) && (Rec.flags & DWS_SIZE))
-    return 0;
-  auto it = d->defs.find(_MakeDieID(Rec.offset, IsInfo));
-  return it == d->defs.end() ? 0 : it->second;
-}
 
 // Whether an attribute has a non-zero value on the DIE or, when the DIE lacks it, on its
 // declaration, its abstract origin (followed further) or its definition.
@@ -996,7 +993,7 @@ static void _ScanSection(ELF_FILE* pFile, const char* sSection, bool IsTypes, DW
 static void _ParseUnits(ELF_FILE* pFile, CLASSIFIER* c, bool IsInfo, bool TypeUnitsOnly, long* pTypeMs,
                         long* pInfoMs, long* pFileMs, long* pLineMs) {
   ELF_DWARF_STATE* s = _State(pFile);
-  const DWS_SECTION_SCAN& scan = IsInfo ? c->d->info : c->d->types;
+  const DWS_SECTION_SCAN& scan = _ScanOf(c->d, IsInfo);
   for (const DWS_UNIT& unit : scan.units) {
     if (TypeUnitsOnly != unit.isTypeUnit || unit.recordCount == 0)
       continue;
@@ -1039,7 +1036,7 @@ static void _ParseUnits(ELF_FILE* pFile, CLASSIFIER* c, bool IsInfo, bool TypeUn
 // Definitions by declaration: a DIE with DW_AT_specification defines the DIE it names.
 static void _BuildDefinitions(ELF_DIE_INDEX* d) {
   for (bool isInfo : {false, true}) {
-    for (const DWS_RECORD& rec : isInfo ? d->info.records : d->types.records) {
+    for (const DWS_RECORD& rec : _ScanOf(d, isInfo).records) {
       if ((rec.flags & DWS_COMPLETES) && !(rec.flags & DWS_EXTENSION) && rec.completes)
         d->defs[_MakeDieID(rec.completes, isInfo)] = rec.offset;
     }
