@@ -202,6 +202,10 @@ static const DWS_SECTION_SCAN& _ScanOf(const ELF_DIE_INDEX* d, bool IsInfo) {
   return IsInfo ? d->info : d->types;
 }
 
+static size_t _NumDies(const ELF_DIE_INDEX* d) {
+  return d ? d->info.records.size() + d->types.records.size() : 0;
+}
+
 // The record of the DIE at an offset, or null when the walk did not see one there.
 static const DWS_RECORD* _RecordIn(const DWS_SECTION_SCAN& Scan, U64 Offset) {
   I64 i = DWS_FindRecord(Scan, Offset);
@@ -1073,8 +1077,8 @@ static void _LogLoad(ELF_FILE* pFile, long TypeMs, long InfoMs, long FileMs, lon
   ELF_Log(ELF_LOG_MESSAGE, "parsed source line info in ms: %ld", LineMs);
   ELF_Log(ELF_LOG_MESSAGE, "parsed call frame info in ms:  %ld", FrameMs);
   ELF_Log(ELF_LOG_MESSAGE, "File Size: %d", (int)pFile->fileSize);
-  size_t numDies = s->pDies ? s->pDies->info.records.size() + s->pDies->types.records.size() : 0;
-  ELF_Log(ELF_LOG_MESSAGE, "Dwarf Symbol Count: %lu", (unsigned long)numDies);
+  // The file is not yet open for ELF_GetDwarfSymbolCount.
+  ELF_Log(ELF_LOG_MESSAGE, "Dwarf Symbol Count: %lu", (unsigned long)_NumDies(s->pDies));
   ELF_Log(ELF_LOG_MESSAGE, "ELF Symbol Count: %d", (int)pFile->symCount);
   ELF_Log(ELF_LOG_MESSAGE, "Data Encoding: %s", ELF_GetDataEncodingText(ELF_GetDataEncoding(pFile)));
   ELF_Log(ELF_LOG_MESSAGE, "Source Language: %s", s->srcLanguage == ELF_SRC_LANG_CPP ? "C++" : "C");
@@ -1313,5 +1317,5 @@ ELF_SYM_HANDLE ELF_GetSrcFileCU(ELF_FILE* pFile, const char* sName, U32 n) {
 U32 ELF_GetDwarfSymbolCount(ELF_FILE* pFile) {
   if (!ELF_IsValidFile(pFile) || !_Dies(pFile))
     return 0;
-  return (U32)(_Dies(pFile)->info.records.size() + _Dies(pFile)->types.records.size());
+  return (U32)_NumDies(_Dies(pFile));
 }
