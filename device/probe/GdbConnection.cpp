@@ -10,6 +10,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -17,6 +18,9 @@
 namespace {
 
 using CClock = std::chrono::steady_clock;
+
+// Acknowledgements and the interrupt are a byte or two: a socket that takes no byte for this long is dead.
+constexpr int kAckWriteTimeoutMs = 3000;
 
 int _MsLeft(CClock::time_point End) {
   auto Left = std::chrono::duration_cast<std::chrono::milliseconds>(End - CClock::now()).count();
@@ -65,6 +69,8 @@ void CGdbConnection::Close() {
   _Reader.Clear();
   _NumAcks = _NumNacks = _NumInterrupts = 0;
   _asPackets.clear();
+  _NumOwedReplies = 0;
+  _NumTimeOutsInARow = 0;
   _AckMode = true;
 }
 
@@ -177,12 +183,12 @@ int CGdbConnection::_Fill(int TimeoutMs) {
         _NumInterrupts++;
         break;
       case GDB_ITEM_BAD_PACKET:
-        if (_AckMode && _WriteAll("-") != 0) {
+        if (_AckMode && _WriteAll("-", kAckWriteTimeoutMs) != 0) {
           return -1;
         }
         break;
       case GDB_ITEM_PACKET:
-        if (_AckMode && _WriteAll("+") != 0) {
+        if (_AckMode && _WriteAll("+", kAckWriteTimeoutMs) != 0) {
           return -1;
         }
         _asPackets.push_back(std::move(Item.sPayload));
@@ -192,12 +198,12 @@ int CGdbConnection::_Fill(int TimeoutMs) {
   return 1;
 }
 
-int CGdbConnection::_WriteAll(const std::string& s) {
+int CGdbConnection::_WriteAll(const std::string& s, int TimeoutMs) {
   if (_Socket < 0 || _Lost) {
     return -1;
   }
   size_t Done = 0;
-  auto End = CClock::now() + std::chrono::seconds(10);
+  auto End = CClock::now() + std::chrono::milliseconds(TimeoutMs);
   while (Done < s.size()) {
     ssize_t n = send(_Socket, s.data() + Done, s.size() - Done, MSG_NOSIGNAL | MSG_DONTWAIT);
     if (n > 0) {
@@ -209,7 +215,7 @@ int CGdbConnection::_WriteAll(const std::string& s) {
     }
     if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
       pollfd Fd{_Socket, POLLOUT, 0};
-      if (poll(&Fd, 1, _MsLeft(End)) <= 0) {
+      if (_MsLeft(End) == 0 || poll(&Fd, 1, _MsLeft(End)) <= 0) {
         _SetLost("send: the server takes no more data");
         return -1;
       }
@@ -222,7 +228,7 @@ int CGdbConnection::_WriteAll(const std::string& s) {
 }
 
 int CGdbConnection::SendInterrupt() {
-  return _WriteAll(std::string(1, '\x03'));
+  return _WriteAll(std::string(1, '\x03'), kAckWriteTimeoutMs);
 }
 
 bool CGdbConnection::TakeInterrupt() {
@@ -240,23 +246,34 @@ bool CGdbConnection::HasInput() {
   return _Fill(0) > 0 && (!_asPackets.empty() || _NumInterrupts > 0);
 }
 
+bool CGdbConnection::CheckAlive() {
+  if (_Socket < 0 || _Lost) {
+    return false;
+  }
+  // What is waiting is read (a bounded amount, against a flooding peer); a closed or failed socket
+  // shows here.
+  for (int i = 0; i < 16 && _Fill(0) > 0; i++) {
+  }
+  return !_Lost;
+}
+
 int CGdbConnection::SendPacket(const std::string& sPayload, int TimeoutMs) {
   std::string sFrame = GDB_Frame(sPayload);
   if (!_AckMode) {
-    return _WriteAll(sFrame);
+    return _WriteAll(sFrame, TimeoutMs);
   }
   auto End = CClock::now() + std::chrono::milliseconds(TimeoutMs);
   _NumAcks = _NumNacks = 0;
   for (int Try = 0; Try < 4; Try++) {
-    if (_WriteAll(sFrame) != 0) {
+    if (_WriteAll(sFrame, std::max(_MsLeft(End), 1)) != 0) {
       return -1;
     }
     while (_NumAcks == 0 && _NumNacks == 0) {
-      int r = _Fill(_MsLeft(End));
-      if (r < 0) {
+      if (_MsLeft(End) == 0) {
+        _NoteReplyTimeOut();  // the packet may have arrived and its reply may still come
         return -1;
       }
-      if (r == 0 && _MsLeft(End) == 0) {
+      if (_Fill(_MsLeft(End)) < 0) {
         return -1;
       }
     }
@@ -270,33 +287,140 @@ int CGdbConnection::SendPacket(const std::string& sPayload, int TimeoutMs) {
   return -1;
 }
 
+int CGdbConnection::_NextPacket(std::string& sPayload, TIME End, bool LookAtDeadline) {
+  for (;;) {
+    if (!_asPackets.empty()) {
+      sPayload = std::move(_asPackets.front());
+      _asPackets.pop_front();
+      return 1;
+    }
+    if (_Lost) {
+      return -1;
+    }
+    if (CClock::now() >= End) {
+      // Time is up: one look at what has arrived (a 0 ms read looks once), then no more.
+      if (!LookAtDeadline) {
+        return 0;
+      }
+      LookAtDeadline = false;
+      if (_Fill(0) < 0) {
+        return -1;
+      }
+      continue;
+    }
+    if (_Fill(std::max(_MsLeft(End), 1)) < 0) {
+      return -1;
+    }
+  }
+}
+
 int CGdbConnection::ReadPacket(std::string& sPayload, int TimeoutMs) {
+  return _NextPacket(sPayload, CClock::now() + std::chrono::milliseconds(TimeoutMs));
+}
+
+void CGdbConnection::_DropUnasked() {
+  while (!_asPackets.empty()) {
+    const std::string& s = _asPackets.front();
+    if (_NumOwedReplies > 0 && !GDB_IsOutputPacket(s)) {
+      _NumOwedReplies--;
+    }
+    _asPackets.pop_front();
+  }
+}
+
+void CGdbConnection::_NoteReplyTimeOut() {
+  // One late reply is borne. A second time-out in a row, or one while a reply is still owed, means
+  // the server no longer answers in step (it may have lost a request): replies can't be matched to
+  // requests any more, so the connection is given up rather than trusted.
+  if (_NumOwedReplies > 0 || ++_NumTimeOutsInARow >= 2) {
+    _SetLost("the server stopped answering in time; its replies can't be matched to requests any more");
+    return;
+  }
+  _NumOwedReplies = 1;
+}
+
+int CGdbConnection::SettleOwedReplies(int TimeoutMs) {
   auto End = CClock::now() + std::chrono::milliseconds(TimeoutMs);
-  while (_asPackets.empty()) {
-    int r = _Fill(_MsLeft(End));
+  if (_Fill(0) < 0) {
+    return -1;
+  }
+  _DropUnasked();
+  for (bool Look = true; _NumOwedReplies > 0; Look = CClock::now() < End) {
+    std::string s;
+    int r = _NextPacket(s, End, Look);
     if (r < 0) {
       return -1;
     }
-    if (r == 0 && _MsLeft(End) == 0 && _asPackets.empty()) {
-      return 0;
+    if (r == 0) {
+      _SetLost("the server stopped answering (a reply did not come within two time-outs)");
+      return -1;
+    }
+    if (!GDB_IsOutputPacket(s)) {
+      _NumOwedReplies--;
     }
   }
-  sPayload = std::move(_asPackets.front());
-  _asPackets.pop_front();
-  return 1;
+  return 0;
 }
 
 int CGdbConnection::Transact(const std::string& sPayload, std::string& sReply, int TimeoutMs,
-                             std::string& sError) {
+                             std::string& sError, bool TakeOutput) {
   std::string sName = sPayload.substr(0, std::min<size_t>(sPayload.find_first_of(":,;"), 24));
-  if (SendPacket(sPayload, TimeoutMs) != 0) {
+  auto End = CClock::now() + std::chrono::milliseconds(TimeoutMs);
+  // Whatever came since the last reply was taken: late replies, or packets nobody asked for.
+  if (_Fill(0) >= 0) {
+    _DropUnasked();
+  }
+  if (SendPacket(sPayload, std::max(_MsLeft(End), 1)) != 0) {
     sError = "packet \"" + sName + "\" not sent: " + (_Lost ? _sLostReason : "no acknowledgement");
     return -1;
   }
-  int r = ReadPacket(sReply, TimeoutMs);
-  if (r <= 0) {
-    sError = "no reply to packet \"" + sName + "\": " + (r < 0 ? _sLostReason : "time-out");
-    return -1;
+  // Past the deadline only what is queued is looked at, so a flood of output can't hold the wait.
+  for (bool Look = true;; Look = CClock::now() < End) {
+    int r = _NextPacket(sReply, End, Look);
+    if (r < 0) {
+      sError = "no reply to packet \"" + sName + "\": " + _sLostReason;
+      return -1;
+    }
+    if (r == 0) {
+      _NoteReplyTimeOut();
+      sError = "no reply to packet \"" + sName + "\": " + (_Lost ? _sLostReason : "time-out");
+      return -1;
+    }
+    if (GDB_IsOutputPacket(sReply)) {
+      if (_NumOwedReplies == 0 && TakeOutput) {
+        return 1;
+      }
+      continue;  // console output of the target, or the rest of an owed monitor reply
+    }
+    if (_NumOwedReplies > 0) {
+      _NumOwedReplies--;  // the late reply to a request that timed out
+      continue;
+    }
+    _NumTimeOutsInARow = 0;
+    return 1;
   }
-  return 1;
+}
+
+int CGdbConnection::ReadReplyPart(std::string& sPacket, int TimeoutMs, std::string& sError) {
+  int r = _NextPacket(sPacket, CClock::now() + std::chrono::milliseconds(TimeoutMs));
+  if (r > 0) {
+    return 1;
+  }
+  if (r == 0) {
+    _NoteReplyTimeOut();
+  }
+  sError = _Lost ? _sLostReason : "time-out";
+  return -1;
+}
+
+bool GDB_IsOutputPacket(const std::string& sPacket) {
+  if (sPacket.empty() || sPacket[0] != 'O' || sPacket.size() % 2 == 0) {
+    return false;
+  }
+  for (size_t i = 1; i < sPacket.size(); i++) {
+    if (!isxdigit(U8(sPacket[i]))) {
+      return false;
+    }
+  }
+  return true;
 }

@@ -461,10 +461,11 @@ int CGdbRemote::_OnRunningPacket(const std::string& sPacket) {
 
 int CGdbRemote::_WaitStop(int TimeoutMs) {
   auto End = std::chrono::steady_clock::now() + std::chrono::milliseconds(TimeoutMs);
-  while (_RunState == STATE_RUNNING) {
+  // The deadline is tested on every turn: a server that streams console output never stops the wait.
+  while (_RunState == STATE_RUNNING && std::chrono::steady_clock::now() < End) {
     auto Left = std::chrono::duration_cast<std::chrono::milliseconds>(End - std::chrono::steady_clock::now());
     std::string sPacket;
-    int r = _Conn.ReadPacket(sPacket, int(std::max<long>(0, long(Left.count()))));
+    int r = _Conn.ReadPacket(sPacket, int(std::max<long>(1, long(Left.count()))));
     if (r < 0) {
       _Lose(_Conn.GetLostReason());
       return -1;
@@ -476,11 +477,19 @@ int CGdbRemote::_WaitStop(int TimeoutMs) {
       return -1;
     }
   }
+  if (_RunState == STATE_RUNNING) {
+    return 0;
+  }
   return _RunState == STATE_HALTED ? 1 : -1;
 }
 
 int CGdbRemote::_Resume(const std::string& sPacket) {
   _aRegBlock.clear();
+  // A late reply still to come would be read as the running target's output; it is taken first.
+  if (_Conn.SettleOwedReplies(kReplyTimeoutMs) != 0) {
+    _Lose(_Conn.GetLostReason());
+    return -1;
+  }
   if (_Conn.SendPacket(sPacket, kReplyTimeoutMs) != 0) {
     if (_Conn.IsLost()) {
       _Lose(_Conn.GetLostReason());
@@ -522,6 +531,14 @@ int CGdbRemote::Halt() {
 int CGdbRemote::IsHalted() {
   if (_RunState == STATE_LOST || _Conn.IsLost() || !_Conn.IsOpen()) {
     return -1;
+  }
+  if (_RunState == STATE_HALTED) {
+    // Nothing is asked of a halted target, so a server that died shows only here, at the poll.
+    if (!_Conn.CheckAlive()) {
+      _Lose(_Conn.GetLostReason());
+      return -1;
+    }
+    return 1;
   }
   // A bounded number of packets per call, so that a server flooding console output can't hold us.
   for (int i = 0; i < 64 && _RunState == STATE_RUNNING; i++) {
@@ -611,8 +628,11 @@ int CGdbRemote::Step() {
 
 int CGdbRemote::_Monitor(const std::string& sCommand, std::string& sOutput) {
   sOutput.clear();
-  std::string sReply;
-  if (_Transact("qRcmd," + GDB_ToHex(sCommand), sReply) != 0) {
+  std::string sReply, sError;
+  if (_Conn.Transact("qRcmd," + GDB_ToHex(sCommand), sReply, kReplyTimeoutMs, sError, true) < 0) {
+    if (_Conn.IsLost()) {
+      _Lose(_Conn.GetLostReason());
+    }
     return -1;
   }
   for (int i = 0; i < 10000; i++) {
