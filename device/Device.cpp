@@ -244,7 +244,9 @@ int CDevice::ScheduleRunTo(U32 Addr) {
 int CDevice::ScheduleExecTarvikCmd(const char* sCmd) {
   DEVICE_JOB Job = _NewJob(JT_EXEC_TARVIK_CMD);
   U32 Len = sCmd ? U32(strlen(sCmd)) : 0;
-  if (Len == 0 || AttachJobData(&Job, 0, Len, sCmd) < 0 || AttachJobData(&Job, 1, 512, nullptr) < 0) {
+  // The answer holds an error text, or what the command printed (a monitor command's output).
+  constexpr U32 kAnswerSize = 16384;
+  if (Len == 0 || AttachJobData(&Job, 0, Len, sCmd) < 0 || AttachJobData(&Job, 1, kAnswerSize, nullptr) < 0) {
     FreeJobData(&Job);
     return -1;
   }

@@ -547,6 +547,18 @@ int CDevice::_ExecTarvikCmd(const char* sCmd, U32 Len, char* acOut) {
   acOut[0] = 0;
   int r = _Api().TARVIKARM_ExecCommand(sCmd, acOut, int(Len));
   acOut[Len - 1] = 0;
+  if (r > 0 && acOut[0] != 0) {
+    // The command worked and printed something (a gdbserver's monitor): it goes to the Console, where
+    // the command was typed, line by line.
+    for (const QString& sLine : QString::fromUtf8(acOut).split('\n')) {
+      QString sText = sLine;
+      sText.remove('\r');
+      if (!sText.isEmpty()) {
+        _LogInfoMsg(sText);
+      }
+    }
+    acOut[0] = 0;
+  }
   if (acOut[0] == 0) {
     _LogDebugMsg(QString("Executed Tarvik command \"%1\"").arg(sCmd));
     return 0;

@@ -75,6 +75,12 @@ TEST_F(CommandPath, ConsoleLineFilesAJobAndTheListenerHearsItOnTheMainThread) {
   EXPECT_EQ(Fake().nExec.load(), 2);
 }
 
+TEST_F(CommandPath, WhatACommandPrintsFollowsItsLineInTheConsole) {
+  EXPECT_EQ(RunBatchLines({"Exec.Command (\"print-lines\")"}, 30), BATCH_EXIT_OK);
+  EXPECT_EQ(Recorder.Calls, QStringList({"done print-lines"}));
+  EXPECT_EQ(Output, QStringList({"Exec.Command (\"print-lines\");", "first line", "second line"}));
+}
+
 TEST_F(CommandPath, BatchSkipsCommentsAndReportsUnknownCommandsAndWrongCounts) {
   int Code = RunBatchLines({"# a comment", "// another", "", "   ", "Util.Log (\"first\")"}, 30);
   EXPECT_EQ(Code, BATCH_EXIT_OK);

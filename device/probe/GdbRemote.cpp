@@ -275,8 +275,9 @@ int CGdbRemote::Connect(std::string& sError) {
   _OnStop(sReply);
   _HaltReason = PROBE_HALT_REQUEST;
   // QEMU's monitor answers "info version" with its version number; other servers don't know it.
-  std::string sVersion;
-  _Server = (_Monitor("info version", sVersion) == 0 && !sVersion.empty() && isdigit(U8(sVersion[0])))
+  std::string sVersion, sNoVersion;
+  _Server = (_Monitor("info version", sVersion, sNoVersion) == MONITOR_DONE && !sVersion.empty() &&
+             isdigit(U8(sVersion[0])))
                 ? SERVER_QEMU
                 : SERVER_OTHER;
   _sResetCommand.clear();
@@ -626,41 +627,83 @@ int CGdbRemote::Step() {
   return r;
 }
 
-int CGdbRemote::_Monitor(const std::string& sCommand, std::string& sOutput) {
+CGdbRemote::MONITOR_RESULT CGdbRemote::_Monitor(const std::string& sCommand, std::string& sOutput,
+                                                std::string& sError) {
   sOutput.clear();
-  std::string sReply, sError;
-  if (_Conn.Transact("qRcmd," + GDB_ToHex(sCommand), sReply, kReplyTimeoutMs, sError, true) < 0) {
+  sError.clear();
+  auto End = std::chrono::steady_clock::now() + std::chrono::milliseconds(kMonitorTimeoutMs);
+  std::string sQuoted = "monitor command \"" + sCommand + "\"";
+  auto Failed = [&](const std::string& sWhy) {
     if (_Conn.IsLost()) {
       _Lose(_Conn.GetLostReason());
     }
-    return -1;
+    sError = sQuoted + ": " + sWhy;
+    return MONITOR_FAILED;
+  };
+  if (_RunState == STATE_LOST) {
+    return Failed("connection to the gdbserver lost");
   }
-  for (int i = 0; i < 10000; i++) {
-    std::vector<U8> aText;
-    if (sReply == "OK") {
-      return 0;
+  std::string sReply, sWhy;
+  if (_Conn.Transact("qRcmd," + GDB_ToHex(sCommand), sReply, kReplyTimeoutMs, sWhy, true) < 0) {
+    return Failed(sWhy);
+  }
+  std::vector<U8> aText;
+  // The output comes as "O" packets before the final reply.
+  while (GDB_IsOutputPacket(sReply)) {
+    GDB_FromHex(sReply.substr(1), aText);
+    if (sOutput.size() < kMaxMonitorOutput) {
+      sOutput.append(aText.begin(), aText.end());
     }
-    if (sReply.empty() || _IsErrorReply(sReply)) {
-      return -1;
+    auto Left = std::chrono::duration_cast<std::chrono::milliseconds>(End - std::chrono::steady_clock::now());
+    if (Left.count() <= 0) {
+      _Conn.AbandonReply();
+      return Failed("the output did not end within " + std::to_string(kMonitorTimeoutMs / 1000) + " s");
     }
-    bool IsOutput = sReply[0] == 'O';
-    if (!GDB_FromHex(IsOutput ? sReply.substr(1) : sReply, aText)) {
-      PROBE_Error("gdbserver: malformed reply to qRcmd \"%s\"", sCommand.c_str());
-      return -1;
+    if (_Conn.ReadReplyPart(sReply, int(std::min<long>(Left.count(), kReplyTimeoutMs)), sWhy) < 0) {
+      return Failed("no reply: " + sWhy);
+    }
+  }
+  std::string sShown = sOutput;
+  while (!sShown.empty() && (sShown.back() == '\n' || sShown.back() == '\r')) {
+    sShown.pop_back();
+  }
+  if (sReply.empty()) {
+    sError = sQuoted + ": not supported by the gdbserver (it has no monitor commands)";
+    return MONITOR_NOT_SUPPORTED;
+  }
+  if (sReply[0] == 'E' && (_IsErrorReply(sReply) || sReply[1] == '.')) {
+    if (sReply[1] == '.') {
+      sError = sQuoted + " failed: " + sReply.substr(2);
+    } else {
+      sError = sQuoted + " failed (gdbserver reply " + sReply + ")" + (sShown.empty() ? "" : ": " + sShown);
+    }
+    return MONITOR_ERROR;
+  }
+  if (sReply != "OK") {
+    // The output as one hex reply, the form older servers use.
+    if (!GDB_FromHex(sReply, aText)) {
+      sError = sQuoted + ": malformed reply \"" + sReply.substr(0, 16) + "\"";
+      return MONITOR_FAILED;
     }
     sOutput.append(aText.begin(), aText.end());
-    if (!IsOutput) {
-      return 0;
-    }
-    int r = _Conn.ReadPacket(sReply, kReplyTimeoutMs);
-    if (r <= 0) {
-      if (r < 0) {
-        _Lose(_Conn.GetLostReason());
-      }
-      return -1;
+    sShown = sOutput;
+    while (!sShown.empty() && (sShown.back() == '\n' || sShown.back() == '\r')) {
+      sShown.pop_back();
     }
   }
-  return -1;
+  // Servers answer OK even to a command they don't have; only their output tells.
+  std::string sLow = sShown;
+  for (char& c : sLow) {
+    c = char(tolower(U8(c)));
+  }
+  for (const char* sMark : {"unknown command", "invalid command", "unrecognized command"}) {
+    if (sLow.find(sMark) != std::string::npos) {
+      sError = sQuoted + " is unknown to the gdbserver: " + sShown;
+      return MONITOR_UNKNOWN;
+    }
+  }
+  sOutput = sShown;
+  return MONITOR_DONE;
 }
 
 int CGdbRemote::Reset(int Type) {
@@ -679,15 +722,10 @@ int CGdbRemote::Reset(int Type) {
   } else {
     asTry = {"reset halt", "system_reset"};
   }
+  std::string sLastError;
   for (const std::string& sCommand : asTry) {
     std::string sOutput;
-    int r = _Monitor(sCommand, sOutput);
-    std::string sLow = sOutput;
-    for (char& c : sLow) {
-      c = char(tolower(U8(c)));
-    }
-    if (r == 0 && sLow.find("unknown command") == std::string::npos &&
-        sLow.find("invalid command") == std::string::npos) {
+    if (_Monitor(sCommand, sOutput, sLastError) == MONITOR_DONE) {
       _sResetCommand = sCommand;
       _aRegBlock.clear();
       _StopBeforeAccess = false;
@@ -698,7 +736,7 @@ int CGdbRemote::Reset(int Type) {
       return -1;
     }
   }
-  PROBE_Error("gdbserver: reset failed (monitor reset command not accepted)");
+  PROBE_Error("gdbserver: reset failed (%s)", sLastError.c_str());
   return -1;
 }
 
@@ -1074,17 +1112,11 @@ int CGdbRemote::ExecCommand(const std::string& sKey, const std::string& sValue, 
     return -1;
   }
   std::string sCommand = sValue.empty() ? sKey : sKey + " " + sValue;
-  std::string sOutput;
-  int r = _Monitor(sCommand, sOutput);
-  while (!sOutput.empty() && (sOutput.back() == '\n' || sOutput.back() == '\r')) {
-    sOutput.pop_back();
-  }
-  if (r != 0) {
-    sOut = "gdbserver refused monitor command \"" + sCommand + "\"" + (sOutput.empty() ? "" : ": " + sOutput);
+  std::string sOutput, sError;
+  if (_Monitor(sCommand, sOutput, sError) != MONITOR_DONE) {
+    sOut = sError;
     return -1;
   }
-  if (!sOutput.empty()) {
-    PROBE_Log("%s", sOutput.c_str());
-  }
+  sOut = sOutput;  // the user who typed the command sees it
   return 0;
 }

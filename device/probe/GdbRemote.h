@@ -90,7 +90,10 @@ class CGdbRemote : public CProbeBackend {
   int _OnRunningPacket(const std::string& sPacket);
   void _OnStop(const std::string& sReply);
   void _ServeFileIO(const std::string& sRequest);
-  int _Monitor(const std::string& sCommand, std::string& sOutput);
+  enum MONITOR_RESULT { MONITOR_DONE, MONITOR_NOT_SUPPORTED, MONITOR_ERROR, MONITOR_UNKNOWN, MONITOR_FAILED };
+  // Runs a command of the server's monitor (qRcmd). Done: sOutput holds its output without the final
+  // line end. Otherwise sError says why, naming the command and quoting the server's output.
+  MONITOR_RESULT _Monitor(const std::string& sCommand, std::string& sOutput, std::string& sError);
   int _ReadDescription(std::string& sError);
   int _ReadXfer(const std::string& sObject, const std::string& sAnnex, std::string& sOut);
   int _FetchRegisters();
@@ -104,6 +107,8 @@ class CGdbRemote : public CProbeBackend {
   static constexpr int kReplyTimeoutMs = 3000;
   static constexpr int kStepTimeoutMs = 5000;
   static constexpr int kFlashTimeoutMs = 60000;
+  static constexpr int kMonitorTimeoutMs = 10000;     // the whole output of one monitor command
+  static constexpr size_t kMaxMonitorOutput = 65536;  // kept of it; the rest is read and dropped
 
   std::string _sHost = "127.0.0.1";
   U16 _Port = kGdbDefaultPort;

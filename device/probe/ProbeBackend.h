@@ -77,7 +77,8 @@ class CProbeBackend {
   virtual int SetWatchpoint(const PROBE_WATCH& Watch) = 0;
   virtual int ClearWatchpoint(const PROBE_WATCH& Watch) = 0;
 
-  // A command the core did not recognise. 1: not mine; 0: done; negative: failed with sOut set.
+  // A command the core did not recognise. 1: not mine; 0: done, with the command's output in sOut
+  // (empty when it printed nothing); negative: failed with the error in sOut.
   virtual int ExecCommand(const std::string& sKey, const std::string& sValue, std::string& sOut) { return 1; }
 
   // Called at the end of a download; a failure sets sError.

@@ -567,7 +567,9 @@ int TARVIKARM_ExecCommand(const char* sCmd, char* sOut, int OutSize) {
     std::string sAnswer;
     int r = S.pBackend->ExecCommand(sKey, sValue, sAnswer);
     if (r == 0) {
-      return 0;
+      // Output of the command (a gdbserver's monitor) goes back to whoever typed it.
+      _SetOut(sOut, OutSize, sAnswer);
+      return sAnswer.empty() ? 0 : 1;
     }
     if (r < 0) {
       return Fail(sAnswer);

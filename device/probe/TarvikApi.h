@@ -100,6 +100,9 @@ enum : int {
 
 // The operation list: return type, name, parameter list. Expanded into the table below, into the
 // back-ends' definitions and into the mock.
+//
+// TARVIKARM_ExecCommand: 0 with sOut empty when the command worked; a positive result when it worked
+// and printed something, which is in sOut (cut to OutSize - 1 bytes); otherwise sOut holds the error.
 #define TARVIK_API_LIST(X)                                                                     \
   /* Session and configuration */                                                              \
   X(const char*, TARVIKARM_Open, (void))                                                       \

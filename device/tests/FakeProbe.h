@@ -120,6 +120,10 @@ inline const TARVIK_API& FakeProbeApi() {
         f.Cv.notify_all();
         f.Cv.wait(Lock, [&f] { return !f.Holding; });
       }
+      if (strcmp(sCmd, "print-lines") == 0) {
+        snprintf(sOut, size_t(OutSize), "first line\r\nsecond line\n");
+        return 1;  // done, and printed what is in sOut
+      }
       if (strncmp(sCmd, "fail", 4) == 0) {
         snprintf(sOut, size_t(OutSize), "unknown command: %s", sCmd);
         return -1;

@@ -108,8 +108,13 @@ std::string CGdbSimServer::_Monitor(const std::string& sCommand, std::string& sO
   if (sCommand == "reset halt" || sCommand == "reset") {
     return TARVIKARM_Reset() == 0 ? "OK" : "E01";
   }
-  char acOut[512];
-  if (TARVIKARM_ExecCommand(sCommand.c_str(), acOut, sizeof(acOut)) != 0) {
+  char acOut[4096];
+  int r = TARVIKARM_ExecCommand(sCommand.c_str(), acOut, sizeof(acOut));
+  if (r > 0) {
+    sOutput = std::string(acOut) + "\n";
+    return "OK";
+  }
+  if (r != 0) {
     sOutput = std::string(acOut) + "\n";
     return "E01";
   }

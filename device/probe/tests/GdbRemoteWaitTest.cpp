@@ -1,6 +1,6 @@
 // The GDB remote back-end when the server is slow, silent, flooding or gone: replies that come late,
-// waits against servers that never stop sending, a server that dies while the target is halted. The
-// servers are scripted on loopback (GdbFakeServer.h).
+// waits against servers that never stop sending, a server that dies while the target is halted, and
+// what monitor commands answer. The servers are scripted on loopback (GdbFakeServer.h).
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -148,6 +148,54 @@ TEST(GdbRemoteLoss, ServerDyingWhileTheTargetIsHaltedIsNoticedAtThePollOnce) {
         s.find("Connection to gdbserver " + Session.Server.GetAddress() + " lost") != std::string::npos;
   }
   EXPECT_EQ(NumLost, 1);
+}
+
+TEST(GdbRemoteMonitor, CommandsFailClearlyAndTheirOutputComesBack) {
+  // QEMU answers every command with OK and says "unknown command" in its output; other servers
+  // refuse with E.. or have no monitor at all (empty reply).
+  const struct {
+    const char* sCommand;
+    std::vector<std::string> asReply;
+    int Result;  // of TARVIKARM_ExecCommand: <0 failed, 0 done, >0 done with output
+    const char* sOut;
+  } aCases[] = {
+      {"frobnicate",
+       {_OutputPacket("unknown command: 'frobnicate'\r\n"), "OK"},
+       -1,
+       "monitor command \"frobnicate\" is unknown to the gdbserver: unknown command: 'frobnicate'"},
+      {"frobnicate",
+       {""},
+       -1,
+       "monitor command \"frobnicate\": not supported by the gdbserver (it has no monitor commands)"},
+      {"reset run", {"E01"}, -1, "monitor command \"reset run\" failed (gdbserver reply E01)"},
+      {"reset run",
+       {"E.target not examined"},
+       -1,
+       "monitor command \"reset run\" failed: target not examined"},
+      {"info version", {_OutputPacket("7.2.0\r\n"), "OK"}, 1, "7.2.0"},
+      {"info status",
+       {_OutputPacket("VM status: "), _OutputPacket("paused\n"), "OK"},
+       1,
+       "VM status: paused"},
+      {"halt", {"OK"}, 0, ""},
+  };
+  for (const auto& C : aCases) {
+    SCOPED_TRACE(C.sCommand);
+    FAKE_TARGET Target;
+    FAKE_REPLY Reply;
+    Reply.asPackets = C.asReply;
+    Target.mOverride["qRcmd," + GDB_ToHex(std::string(C.sCommand))] = Reply;
+    CGdbSession Session(&Target);
+    ASSERT_TRUE(Session.Start()) << CGdbSession::Errors();
+    char acOut[512] = {};
+    int r = TARVIKARM_ExecCommand(C.sCommand, acOut, sizeof(acOut));
+    EXPECT_EQ(r < 0 ? -1 : (r > 0 ? 1 : 0), C.Result);
+    EXPECT_EQ(std::string(acOut), C.sOut);
+    // The session is still in step afterwards.
+    U8 b = 0xFF;
+    EXPECT_EQ(TARVIKARM_ReadMemEx(0x20000000, 1, &b, 0), 1);
+    EXPECT_EQ(b, 0);
+  }
 }
 
 }  // namespace
