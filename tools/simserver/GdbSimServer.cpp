@@ -29,6 +29,10 @@ std::string _TargetDescription() {
   return s;
 }
 
+// The system region (private peripheral bus with the SCS, then the vendor area): a client that follows
+// the memory map, as gdb does, reads the core's own registers only when it is listed.
+constexpr U32 kSystemAddr = 0xE0000000u, kSystemSize = 0x20000000u;
+
 std::string _MemoryMap() {
   char ac[512];
   snprintf(
@@ -36,8 +40,9 @@ std::string _MemoryMap() {
       "<?xml version=\"1.0\"?>\n<!DOCTYPE memory-map PUBLIC \"+//IDN gnu.org//DTD GDB Memory Map V1.0//EN\" "
       "\"http://sourceware.org/gdb/gdb-memory-map.dtd\">\n<memory-map>\n"
       "<memory type=\"flash\" start=\"0x%x\" length=\"0x%x\"><property name=\"blocksize\">0x1000</property>"
-      "</memory>\n<memory type=\"ram\" start=\"0x%x\" length=\"0x%x\"/>\n</memory-map>\n",
-      SIM_FLASH_ADDR, SIM_FLASH_SIZE, SIM_RAM_ADDR, SIM_RAM_SIZE);
+      "</memory>\n<memory type=\"ram\" start=\"0x%x\" length=\"0x%x\"/>\n"
+      "<memory type=\"ram\" start=\"0x%x\" length=\"0x%x\"/>\n</memory-map>\n",
+      SIM_FLASH_ADDR, SIM_FLASH_SIZE, SIM_RAM_ADDR, SIM_RAM_SIZE, kSystemAddr, kSystemSize);
   return ac;
 }
 
@@ -278,7 +283,10 @@ std::string CGdbSimServer::_Handle(const std::string& s, bool& bReply, bool& bEn
   }
   if (s.rfind("qSupported", 0) == 0) {
     _ReportSwBreak = s.find("swbreak+") != std::string::npos;
-    return "PacketSize=4000;qXfer:features:read+;qXfer:memory-map:read+;QStartNoAckMode+;swbreak+;hwbreak+";
+    // vContSupported+: the vCont? reply lists s and S, so a client steps with the target's own step
+    // (an SVC steps into its handler) instead of setting breakpoints after the instruction.
+    return "PacketSize=4000;qXfer:features:read+;qXfer:memory-map:read+;QStartNoAckMode+;swbreak+;hwbreak+;"
+           "vContSupported+";
   }
   if (s == "QStartNoAckMode") {
     return "OK";
@@ -308,8 +316,16 @@ std::string CGdbSimServer::_Handle(const std::string& s, bool& bReply, bool& bEn
     return "vCont;c;C;s;S";
   }
   if (s.rfind("vCont;", 0) == 0) {
+    // One thread: the first action is the one for it ("vCont;s:1;c" steps). A signal to deliver is
+    // not simulated, so S and C act as s and c.
     char Action = s.size() > 6 ? s[6] : 0;
-    return _Handle(std::string(1, Action == 'S' ? 's' : (Action == 'C' ? 'c' : Action)), bReply, bEnd);
+    if (Action == 's' || Action == 'S') {
+      return _Handle("s", bReply, bEnd);
+    }
+    if (Action == 'c' || Action == 'C') {
+      return _Handle("c", bReply, bEnd);
+    }
+    return "E16";
   }
   if (s.rfind("qRcmd,", 0) == 0) {
     std::vector<U8> a;

@@ -143,6 +143,37 @@ TEST(GdbSimServer, GdbMultiarchDebugsTheSimulatedProgram) {
   EXPECT_NE(sOut.find(acWords), std::string::npos) << sOut;
 }
 
+TEST(GdbSimServer, GdbMultiarchStepsIntoTheSvcHandlerAndReadsTheSystemRegion) {
+  SKIP_WITHOUT(kServerPath.c_str());
+  SKIP_WITHOUT("/usr/bin/gdb-multiarch");
+  // systick's SVC #3: Thumb encoding 0xDF03 (SVC T1: 1101 1111 imm8), once in the image.
+  std::vector<U8> aImage = LoadFile(FixturePath("systick-O0", ".bin"));
+  std::vector<U32> aSvc;
+  for (size_t i = 0; i + 1 < aImage.size(); i += 2) {
+    if (aImage[i] == 0x03 && aImage[i + 1] == 0xDF) {
+      aSvc.push_back(U32(i));
+    }
+  }
+  ASSERT_EQ(aSvc.size(), 1u);
+  U32 Handler = LoadSymbols("systick-O0")["SVC_Handler"];
+  ASSERT_NE(Handler, 0u);
+  CProcess Server({kServerPath, "--port", "0", "--once", "--image", FixturePath("systick-O0", ".bin")});
+  std::string sAddress = _StartServer(Server);
+  ASSERT_FALSE(sAddress.empty());
+  char acBreak[64];
+  snprintf(acBreak, sizeof(acBreak), "break *0x%x", aSvc[0]);
+  CProcess Gdb({"gdb-multiarch", "-batch", "-nx", "-ex", "target remote " + sAddress, "-ex", acBreak, "-ex",
+                "continue", "-ex", "stepi", "-ex", "p/x $pc", "-ex", "x/wx 0xE000ED00", "-ex", "detach",
+                FixturePath("systick-O0", ".elf")});
+  std::string sOut = Gdb.ReadUntil("detached", 20000);
+  // The target's own step takes the exception: the stop is at the handler's first instruction.
+  char acPC[32];
+  snprintf(acPC, sizeof(acPC), "$1 = 0x%x\n", Handler);
+  EXPECT_NE(sOut.find(acPC), std::string::npos) << sOut;
+  // CPUID of a Cortex-M4 r0p1, as its technical reference manual gives it.
+  EXPECT_NE(sOut.find("0xe000ed00:\t0x410fc241"), std::string::npos) << sOut;
+}
+
 // A probe session on the server through the IP interface.
 class CServerSession {
  public:
