@@ -1,7 +1,8 @@
 // Zevra's gdbserver back-end beside gdb-multiarch, on the same work against the same kind of QEMU
 // (qemu-system-arm -M mps2-an385 with basic-O0, a fresh QEMU per measurement): 1,000 word reads,
-// 1,000 instruction steps, a 64 KiB download to RAM. gdb's times are those of a batch run doing the
-// work minus a batch run that only connects and detaches.
+// 1,000 instruction steps, a 64 KiB download to RAM. Then gdb-multiarch's 1,000 stepi against
+// zevra-simserver (basic-O0 in flash) beside the same against QEMU. gdb's times are those of a batch
+// run doing the work minus a batch run that only connects and detaches, on the same server.
 // Run: build/bench/zevra_gdb_bench
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -84,11 +85,64 @@ struct QEMU {
   }
 };
 
+// zevra-simserver with basic-O0 in flash on a free port, serving one connection.
+struct SIM_SERVER {
+  pid_t Pid = -1;
+  std::string sAddress;
+  SIM_SERVER() {
+    int aPipe[2];
+    if (pipe2(aPipe, O_CLOEXEC) != 0) {
+      return;
+    }
+    std::vector<std::string> as = {std::string(ZEVRA_BINARY_DIR) + "/tools/simserver/zevra-simserver",
+                                   "--port",
+                                   "0",
+                                   "--once",
+                                   "--image",
+                                   std::string(ZEVRA_SOURCE_DIR) + "/target/elf/basic-O0.bin"};
+    std::vector<char*> ap;
+    for (std::string& s : as) {
+      ap.push_back(s.data());
+    }
+    ap.push_back(nullptr);
+    posix_spawn_file_actions_t Actions;
+    posix_spawn_file_actions_init(&Actions);
+    posix_spawn_file_actions_adddup2(&Actions, aPipe[1], 1);
+    posix_spawn_file_actions_addopen(&Actions, 2, "/dev/null", O_WRONLY, 0);
+    if (posix_spawn(&Pid, ap[0], &Actions, nullptr, ap.data(), environ) != 0) {
+      Pid = -1;
+    }
+    posix_spawn_file_actions_destroy(&Actions);
+    close(aPipe[1]);
+    // Its first line: "Listening on 127.0.0.1:PORT".
+    std::string sLine;
+    char c;
+    while (Pid > 0 && read(aPipe[0], &c, 1) == 1 && c != '\n') {
+      sLine += c;
+    }
+    close(aPipe[0]);
+    size_t p = sLine.find("Listening on ");
+    if (p != std::string::npos) {
+      sAddress = sLine.substr(p + 13);
+    }
+  }
+  ~SIM_SERVER() {
+    if (Pid > 0) {
+      kill(Pid, SIGKILL);
+      waitpid(Pid, nullptr, 0);
+    }
+  }
+};
+
 // Seconds of one gdb-multiarch batch run with the given command script; negative on failure.
+template <typename SERVER = QEMU>
 double _GdbRun(const std::string& sCommands) {
-  QEMU Qemu;
+  SERVER Server;
+  if (Server.sAddress.empty()) {
+    return -1;
+  }
   std::string sScript = "/tmp/zevra_gdb_bench_" + std::to_string(getpid()) + ".gdb";
-  std::ofstream(sScript) << "target remote " << Qemu.sAddress << "\n" << sCommands << "detach\n";
+  std::ofstream(sScript) << "target remote " << Server.sAddress << "\n" << sCommands << "detach\n";
   std::vector<std::string> as = {"gdb-multiarch", "-batch", "-nx", "-x", sScript, kElf};
   auto Start = CClock::now();
   pid_t Pid = _Spawn(as, true);
@@ -179,5 +233,25 @@ int main() {
   Print("1,000 instruction steps", Z.Steps, Steps, Base);
   Print("64 KiB download to RAM", Z.Download, Download, Base);
   printf("(gdb-multiarch: batch run minus a run that only connects and detaches, %.1f ms)\n", Base * 1000);
+  // gdb-multiarch's own stepping against the two servers, in the same run.
+  std::string sSteps = "stepi " + std::to_string(kNumSteps) + "\n";
+  double SimBase = _GdbRun<SIM_SERVER>("");
+  double SimSteps = _GdbRun<SIM_SERVER>(sSteps);
+  double QemuSteps = _GdbRun(sSteps);
+  printf("\n%-26s %14s %16s\n", "gdb-multiarch stepi", "QEMU", "zevra-simserver");
+  char acQemu[32] = "failed", acSim[32] = "failed";
+  double QemuRate = -1, SimRate = -1;
+  if (QemuSteps >= 0 && Base >= 0 && QemuSteps > Base) {
+    QemuRate = kNumSteps / (QemuSteps - Base);
+    snprintf(acQemu, sizeof(acQemu), "%8.0f /s", QemuRate);
+  }
+  if (SimSteps >= 0 && SimBase >= 0 && SimSteps > SimBase) {
+    SimRate = kNumSteps / (SimSteps - SimBase);
+    snprintf(acSim, sizeof(acSim), "%8.0f /s", SimRate);
+  }
+  printf("%-26s %14s %16s\n", "1,000 stepi", acQemu, acSim);
+  if (QemuRate > 0 && SimRate > 0) {
+    printf("zevra-simserver steps at %.2fx QEMU's rate\n", SimRate / QemuRate);
+  }
   return 0;
 }
