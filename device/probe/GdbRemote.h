@@ -5,7 +5,9 @@
 // "qemu-system-arm ... -S -gdb tcp::1234". Semihosting output of the program reaches the log only when
 // QEMU runs with "-semihosting-config enable=on,target=gdb"; without it QEMU takes a HardFault on
 // BKPT 0xAB. Target memory can't be read while the target runs: the debugger halts for reads. SWO,
-// streaming trace and high speed sampling are not available through a gdbserver.
+// streaming trace and high speed sampling are not available through a gdbserver. A command that the
+// probe layer does not know (Exec.Command "info registers") goes to the server's monitor; what it
+// prints appears in the Console, and a command the server does not know fails with its message.
 #pragma once
 
 #include <map>
