@@ -25,6 +25,7 @@
 #include <QVBoxLayout>
 
 #include "app/AppInfo.h"
+#include "app/ElfCommands.h"
 #include "app/SettingsCommands.h"
 #include "app/TargetCommands.h"
 #include "app/actions/ActionTable.h"
@@ -254,6 +255,7 @@ void CMainWindow::_ConnectActions() {
   }
   _pTargetCommands = new CTargetCommands(this);
   _pTargetCommands->ConnectTo(this);
+  (new CElfCommands(this))->ConnectTo(this);
   // Scripts read registers by name without going through the row, as the register window does.
   ScriptSetRegisterResolver(&CTargetCommands::RegisterIndexByName);
   CCommandConsole* pConsole = CCommandConsole::Instance();

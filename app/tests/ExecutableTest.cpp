@@ -1,9 +1,12 @@
 // The zevra executable as a user starts it: batch mode output and exit codes, and the log file options.
 #include <gtest/gtest.h>
 
+#include <QElapsedTimer>
 #include <QFile>
 #include <QProcess>
+#include <QRegularExpression>
 #include <QTemporaryDir>
+#include <algorithm>
 #include <cstring>
 
 #include "app/base/Types.h"
@@ -15,16 +18,22 @@ namespace {
 struct RUN {
   int ExitCode = -1;
   QString sOut;
+  QString sErr;
 };
+
+void StartZevra(QProcess* pProcess, const QStringList& Args) {
+  pProcess->setProgram(QString(ZEVRA_BINARY_DIR) + "/app/zevra");
+  pProcess->setArguments(Args);
+  QProcessEnvironment Env = QProcessEnvironment::systemEnvironment();
+  Env.remove("QT_QPA_PLATFORM");  // batch mode picks the offscreen platform itself
+  Env.remove("XDG_RUNTIME_DIR");  // as under a plain root shell
+  pProcess->setProcessEnvironment(Env);
+  pProcess->start();
+}
 
 RUN RunZevra(const QStringList& Args, const QByteArray& Stdin = QByteArray()) {
   QProcess Process;
-  Process.setProgram(QString(ZEVRA_BINARY_DIR) + "/app/zevra");
-  Process.setArguments(Args);
-  QProcessEnvironment Env = QProcessEnvironment::systemEnvironment();
-  Env.remove("QT_QPA_PLATFORM");  // batch mode picks the offscreen platform itself
-  Process.setProcessEnvironment(Env);
-  Process.start();
+  StartZevra(&Process, Args);
   RUN Run;
   if (!Process.waitForStarted(10000)) {
     return Run;
@@ -38,7 +47,24 @@ RUN RunZevra(const QStringList& Args, const QByteArray& Stdin = QByteArray()) {
   }
   Run.ExitCode = Process.exitStatus() == QProcess::NormalExit ? Process.exitCode() : -2;
   Run.sOut = QString::fromUtf8(Process.readAllStandardOutput());
+  Run.sErr = QString::fromUtf8(Process.readAllStandardError());
   return Run;
+}
+
+// The output of a tool of the cross toolchain or binutils, for the expected values of the program rows.
+QString ToolOutput(const QString& sTool, const QStringList& Args) {
+  QProcess Process;
+  Process.start(sTool, Args);
+  if (!Process.waitForFinished(30000)) {
+    return QString();
+  }
+  return QString::fromUtf8(Process.readAllStandardOutput());
+}
+
+QString ResultLine(U32 Value) {
+  return QString("= %1 (0x%2)")
+      .arg(I32(Value))
+      .arg(QString::number(Value, 16).toUpper().rightJustified(8, '0'));
 }
 
 }  // namespace
@@ -63,6 +89,44 @@ TEST(Executable, BatchExitCodesTellWhatHappened) {
   EXPECT_EQ(RunZevra({"--batch"}).ExitCode, 4);
   RUN Slow = RunZevra({"--batch", "-", "--batch-timeout", "1"}, "Util.Sleep (20000)\n");
   EXPECT_EQ(Slow.ExitCode, 3);
+}
+
+TEST(Executable, ProgramRowsAnswerWhatTheToolchainReadsFromTheFile) {
+  const QString sElf = QString(ZEVRA_SOURCE_DIR) + "/target/elf/basic-O0.elf";
+  // Expected values: main from the symbol table, entry and load addresses from the headers.
+  U32 Main = 0;
+  for (const QString& sLine : ToolOutput("arm-none-eabi-nm", {sElf}).split('\n')) {
+    const QStringList Fields = sLine.split(' ');
+    if (Fields.size() == 3 && Fields[2] == "main") {
+      Main = Fields[0].toUInt(nullptr, 16) & ~1u;  // bit 0 marks Thumb code, not the address
+    }
+  }
+  ASSERT_NE(Main, 0u);
+  const QString sHeaders = ToolOutput("arm-none-eabi-readelf", {"-hlW", sElf});
+  const QRegularExpression EntryRe("Entry point address:\\s+0x([0-9a-f]+)");
+  const U32 Entry = EntryRe.match(sHeaders).captured(1).toUInt(nullptr, 16) & ~1u;
+  U32 Base = 0xFFFFFFFF;
+  const QRegularExpression LoadRe("LOAD\\s+0x[0-9a-f]+\\s+0x[0-9a-f]+\\s+0x([0-9a-f]+)\\s+0x([0-9a-f]+)");
+  for (auto It = LoadRe.globalMatch(sHeaders); It.hasNext();) {
+    const QRegularExpressionMatch m = It.next();
+    if (m.captured(2).toUInt(nullptr, 16) != 0) {  // a segment with bytes in the file
+      Base = std::min(Base, m.captured(1).toUInt(nullptr, 16));
+    }
+  }
+  const U32 BigEndian = sHeaders.contains("big endian") ? 1 : 0;
+  RUN Run =
+      RunZevra({"--batch", "-"}, QString("Elf.GetBaseAddr ()\nFile.Open (\"%1\")\nElf.GetEntryFuncPC ()\n"
+                                         "Elf.GetEntryPointPC ()\nElf.GetBaseAddr ()\nElf.GetEndianess ()\n")
+                                     .arg(sElf)
+                                     .toUtf8());
+  EXPECT_EQ(Run.ExitCode, 1) << Run.sOut.toStdString();  // the first line has no program yet
+  QStringList Lines = Run.sOut.split('\n', Qt::SkipEmptyParts);
+  EXPECT_EQ(Lines.value(1), "Elf.GetBaseAddr(): no program file open");
+  auto After = [&Lines](const QString& sLine) { return Lines.value(Lines.lastIndexOf(sLine) + 1); };
+  EXPECT_EQ(After("Elf.GetEntryFuncPC();"), ResultLine(Main)) << Run.sOut.toStdString();
+  EXPECT_EQ(After("Elf.GetEntryPointPC();"), ResultLine(Entry));
+  EXPECT_EQ(After("Elf.GetBaseAddr();"), ResultLine(Base));
+  EXPECT_EQ(After("Elf.GetEndianess();"), ResultLine(BigEndian));
 }
 
 TEST(Executable, LogFileTakesLevelPrefixesAndDebugAddsStdout) {
