@@ -51,6 +51,13 @@ RUN RunZevra(const QStringList& Args, const QByteArray& Stdin = QByteArray()) {
   return Run;
 }
 
+QString WriteFile(const QTemporaryDir& Dir, const QString& sName, const QByteArray& Text) {
+  QFile File(Dir.filePath(sName));
+  EXPECT_TRUE(File.open(QIODevice::WriteOnly)) << sName.toStdString();
+  File.write(Text);
+  return Dir.filePath(sName);
+}
+
 // The output of a tool of the cross toolchain or binutils, for the expected values of the program rows.
 QString ToolOutput(const QString& sTool, const QStringList& Args) {
   QProcess Process;
@@ -85,10 +92,94 @@ TEST(Executable, BatchExitCodesTellWhatHappened) {
   RUN Ok = RunZevra({"--batch", sFile});
   EXPECT_EQ(Ok.ExitCode, 0);
   EXPECT_EQ(Ok.sOut, "Util.Log (\"from a file\");\nfrom a file\n");
+  EXPECT_TRUE(Ok.sErr.isEmpty()) << Ok.sErr.toStdString();  // nothing went wrong, nothing is said
   EXPECT_EQ(RunZevra({"--batch", Dir.filePath("missing.txt")}).ExitCode, 4);
-  EXPECT_EQ(RunZevra({"--batch"}).ExitCode, 4);
   RUN Slow = RunZevra({"--batch", "-", "--batch-timeout", "1"}, "Util.Sleep (20000)\n");
   EXPECT_EQ(Slow.ExitCode, 3);
+  // File.Exit ends the batch where it stands; what failed before still counts.
+  RUN Exit = RunZevra({"--batch", "-"}, "NoSuchThing\nFile.Exit\nUtil.Log (\"after the exit\")\n");
+  EXPECT_EQ(Exit.ExitCode, 1);
+  EXPECT_FALSE(Exit.sOut.contains("after the exit")) << Exit.sOut.toStdString();
+  EXPECT_TRUE(Exit.sOut.contains("File.Exit();\n")) << Exit.sOut.toStdString();
+}
+
+TEST(Executable, WrongBatchOptionsHaveTheirOwnExitCodeAndNameTheOption) {
+  const struct {
+    QStringList Args;
+    const char* sNamed;
+  } aCase[] = {
+      {{"--batch", "-", "--batch-timeout", "0"}, "\"0\""},
+      {{"--batch", "-", "--batch-timeout", "abc"}, "\"abc\""},
+      {{"--batch", "-", "--batch-timeout"}, "--batch-timeout"},
+      {{"--batch"}, "--batch"},
+      {{"--script-function", "Setup"}, "--script-function"},  // headless, not the window
+  };
+  for (const auto& c : aCase) {
+    RUN Run = RunZevra(c.Args);
+    EXPECT_EQ(Run.ExitCode, 5) << c.Args.join(' ').toStdString();
+    EXPECT_TRUE(Run.sErr.contains(c.sNamed)) << Run.sErr.toStdString();
+    EXPECT_TRUE(Run.sOut.isEmpty()) << Run.sOut.toStdString();
+  }
+}
+
+TEST(Executable, AProjectThatNeverFinishesOpeningEndsAtTheTimeout) {
+  QTemporaryDir Dir;
+  const QString sLoop = WriteFile(Dir, "loop.zvproj", "void OnProjectLoad (void) {\n  while (1) {\n  }\n}\n");
+  const QString sSelf = Dir.filePath("self.zvproj");
+  WriteFile(Dir, "self.zvproj",
+            QString("void OnProjectLoad (void) {\n  File.Open (\"%1\");\n}\n").arg(sSelf).toUtf8());
+  for (const QString& sProject : {sLoop, sSelf}) {
+    RUN Run = RunZevra({sProject, "--batch", "-", "--batch-timeout", "1"}, "Util.Log (\"never\")\n");
+    EXPECT_EQ(Run.ExitCode, 3) << sProject.toStdString();
+    EXPECT_FALSE(Run.sOut.contains("never")) << Run.sOut.toStdString();
+  }
+}
+
+TEST(Executable, AProjectOpenedByABatchLineHasRunBeforeTheNextLine) {
+  QTemporaryDir Dir;
+  const QString sGood =
+      WriteFile(Dir, "good.zvproj", "void OnProjectLoad (void) {\n  Util.Log (\"loaded\");\n}\n");
+  const QString sBad = WriteFile(Dir, "bad.zvproj", "void OnProjectLoad (void) {\n  x = ;\n}\n");
+  RUN Run =
+      RunZevra({"--batch", "-"}, QString("File.Open (\"%1\")\nUtil.Log (\"next\")\n").arg(sGood).toUtf8());
+  EXPECT_EQ(Run.ExitCode, 0) << Run.sOut.toStdString();
+  QStringList Lines = Run.sOut.split('\n', Qt::SkipEmptyParts);
+  EXPECT_TRUE(Lines.contains("loaded")) << Run.sOut.toStdString();
+  EXPECT_LT(Lines.indexOf("loaded"), Lines.indexOf("next"));
+  // As the last line, too; a project with an error is the script error of the run.
+  RUN Last = RunZevra({"--batch", "-"}, QString("File.Open (\"%1\")\n").arg(sGood).toUtf8());
+  EXPECT_EQ(Last.ExitCode, 0);
+  EXPECT_TRUE(Last.sOut.contains("loaded\n")) << Last.sOut.toStdString();
+  RUN Bad = RunZevra({"--batch", "-"}, QString("File.Open (\"%1\")\n").arg(sBad).toUtf8());
+  EXPECT_EQ(Bad.ExitCode, 2) << Bad.sOut.toStdString();
+  EXPECT_TRUE(Bad.sOut.contains("Error in project file: ")) << Bad.sOut.toStdString();
+}
+
+TEST(Executable, APipeDrivenSessionAnswersEachLineBeforeTheNextIsSent) {
+  QProcess Process;
+  StartZevra(&Process, {"--batch", "-"});
+  ASSERT_TRUE(Process.waitForStarted(10000));
+  QByteArray Out;
+  // Waits for the answer to the line sent last; the line after it is not written before.
+  auto WaitFor = [&Process, &Out](const QByteArray& Answer) {
+    QElapsedTimer Timer;
+    Timer.start();
+    while (!Out.contains(Answer) && Timer.elapsed() < 30000) {
+      Process.waitForReadyRead(1000);
+      Out += Process.readAllStandardOutput();
+    }
+    return Out.contains(Answer);
+  };
+  Process.write("Exec.Connect\n");
+  ASSERT_TRUE(WaitFor("Exec.Connect();\n")) << Out.toStdString();
+  Process.write("Target.WriteU32 (0x20000040, 0x1234)\n");
+  Process.write("Target.ReadU32 (0x20000040)\n");
+  ASSERT_TRUE(WaitFor("= 4660 (0x00001234)\n")) << Out.toStdString();
+  Process.write("Util.Log (\"last\")\n");
+  ASSERT_TRUE(WaitFor("last\n")) << Out.toStdString();
+  Process.closeWriteChannel();
+  ASSERT_TRUE(Process.waitForFinished(30000));
+  EXPECT_EQ(Process.exitCode(), 0);
 }
 
 TEST(Executable, ProgramRowsAnswerWhatTheToolchainReadsFromTheFile) {
