@@ -6,6 +6,7 @@
 #include <QApplication>
 #include <QCloseEvent>
 #include <QDir>
+#include <QDockWidget>
 #include <QElapsedTimer>
 #include <QEventLoop>
 #include <QFile>
@@ -133,7 +134,12 @@ CMainWindow::CMainWindow(bool BatchMode) : CWindow(nullptr, "MainWindow"), _Batc
   CProject* pProject = CProject::Instance();
   connect(pProject, &CProject::Opened, this, &CMainWindow::OnProjectFileOpened);
   connect(pProject, &CProject::Closed, this, &CMainWindow::OnProjectFileClosed);
-  connect(pProject, &CProject::ModifiedChanged, this, [this](bool) { _UpdateTitle(); });
+  connect(pProject, &CProject::ModifiedChanged, this, [this](bool) {
+    _UpdateTitle();
+    UpdateActions();
+  });
+  // A new project is saved with the settings the session runs with.
+  pProject->SetSettingsCommandSource(&CurrentSettingsCommands);
   _UpdateTitle();
   UpdateActions();
   qApp->installEventFilter(this);
@@ -271,11 +277,14 @@ void CMainWindow::UpdateActions() {
   CDevice* pDevice = CDevice::HasInstance() ? CDevice::Instance() : nullptr;
   const bool Connected = pDevice && pDevice->IsConnected();
   const bool Halted = Connected && pDevice->IsHalted();
-  const bool ProjectOpen = true;  // an empty project stands from the start
-  const bool ProjectModified = false;
+  const CProject* pProject = CProject::Instance();
+  const bool ProjectOpen = pProject->IsOpen();
+  const bool ProjectModified = ProjectOpen && pProject->IsModified();
+  // Breakpoints are only known to the probe until the session keeps its own list; until then none
+  // counts, and the clearing rows stay off.
   const int NumBreakpoints = 0;
   const int NumDataBreakpoints = 0;
-  const bool PCLocationValid = false;
+  const bool PCLocationValid = Halted && ELF_IsLoaded() && ELF_GetFirstSrcLoc(pDevice->GetPC()).IsValid();
   auto HasContext = [](QAction* pAction) {
     QVariant Data = pAction->data();
     return Data.isValid() && Data.typeId() != QMetaType::QStringList && Data.typeId() != QMetaType::Int;
@@ -299,8 +308,7 @@ void CMainWindow::UpdateActions() {
     } else if (sName == "Debug.Stop") {
       Enabled = Visible = Connected;
     } else if (sName == "Debug.Continue") {
-      Enabled = Halted;
-      Visible = !Connected || Halted;
+      Enabled = Visible = Halted;
     } else if (sName == "Debug.Halt") {
       Enabled = Connected && !Halted;
       Visible = !Halted;
@@ -389,13 +397,11 @@ void CMainWindow::OnWindowShown() {
   LogMessage("Tarvik software found at: built-in probe layer", MSG_INFO | MSG_TO_ALL);
   // What to open: a project named on the command line, else the most recent one if the user wants
   // that, else a new project.
-  QStringList Args = QCoreApplication::arguments();
-  QString sCandidate = Args.size() > 1 ? Args[1] : QString();
   QStringList Recent = CProject::GetRecentProjects();
   static const int Open = _RowByName("File.Open");
-  if (IsProjectFileName(sCandidate)) {
-    PerformAction(Open, sCandidate);
-  } else if (!Recent.isEmpty() && IsVarSet(GetVar(PREF_START_WITH_MOST_RECENT_PROJ)) &&
+  if (OpenCommandLineProject()) {
+    // the command line decided
+  } else if (!Recent.isEmpty() && GetVarValue(GetVar(PREF_START_WITH_MOST_RECENT_PROJ)) != 0 &&
              QFileInfo(Recent.first()).isFile()) {
     PerformAction(Open, Recent.first());
   } else {
@@ -403,6 +409,7 @@ void CMainWindow::OnWindowShown() {
     _UpdateTitle();
   }
   ReportUnlinkedActions();
+  emit StartupFinished();
 }
 
 void CMainWindow::OnConsoleTimer() {
@@ -582,6 +589,40 @@ int CMainWindow::OpenProject(const QString& sPath) {
   return 0;
 }
 
+bool CMainWindow::OpenCommandLineProject() {
+  const QStringList Args = QCoreApplication::arguments();
+  const QString sCandidate = Args.value(1);
+  if (IsProjectFileName(sCandidate)) {
+    if (_BatchMode) {
+      OpenProject(sCandidate);  // quietly, as if it had been open before the first line
+    } else {
+      static const int Open = _RowByName("File.Open");
+      PerformAction(Open, sCandidate);
+    }
+    return true;
+  }
+  const QStringList Commands = BuildCommandListFromArgs(Args.mid(1));
+  if (Commands.isEmpty()) {
+    return false;
+  }
+  OnProjectWizardFinished(Commands);
+  return true;
+}
+
+void CMainWindow::OnProjectWizardFinished(const QStringList& Commands) {
+  if (!_AskStopSession()) {
+    return;
+  }
+  SetVarFromText(GetVar(VAR_BREAK_AT_THIS_SYMBOL), "main", false);
+  _CloseProgramFile();
+  // NewFromCommands closes the old project first.
+  if (CProject::Instance()->NewFromCommands(Commands) == 0) {
+    RunEvent(SF_PROJECT_LOAD);
+  }
+  _UpdateTitle();
+  UpdateActions();
+}
+
 void CMainWindow::OnProjectFileOpened(const QString& sPath) {
   CProject* pProject = CProject::Instance();
   CProject::AddRecentProject(QFileInfo(sPath).absoluteFilePath());
@@ -602,9 +643,45 @@ void CMainWindow::OnProjectFileOpened(const QString& sPath) {
   _UpdateTitle();
 }
 
+QList<CProject::USER_WINDOW> CMainWindow::_ShownDockWindows() const {
+  QList<CProject::USER_WINDOW> Windows;
+  for (QDockWidget* pDock : findChildren<QDockWidget*>()) {
+    if (pDock->isHidden()) {
+      continue;
+    }
+    CProject::USER_WINDOW Window;
+    Window.sName = pDock->objectName();
+    switch (dockWidgetArea(pDock)) {
+      case Qt::LeftDockWidgetArea:
+        Window.sArea = "LEFT";
+        break;
+      case Qt::RightDockWidgetArea:
+        Window.sArea = "RIGHT";
+        break;
+      default:
+        Window.sArea = "BOTTOM";
+        break;
+    }
+    if (pDock->isFloating()) {
+      Window.sArea = "FLOATING";
+    }
+    const QRect Rect = pDock->geometry();
+    Window.x = Rect.x();
+    Window.y = Rect.y();
+    Window.w = Rect.width();
+    Window.h = Rect.height();
+    Windows << Window;
+  }
+  return Windows;
+}
+
 void CMainWindow::OnProjectFileClosed(const QString& sPath) {
+  // Without dock windows there is no layout to keep: the user file of an earlier session stays as it is.
+  if (sPath.isEmpty() || findChildren<QDockWidget*>().isEmpty()) {
+    return;
+  }
   QString sError;
-  if (!sPath.isEmpty() && CProject::WriteUserFile(CProject::GetUserFilePath(sPath), {}, &sError) < 0) {
+  if (CProject::WriteUserFile(CProject::GetUserFilePath(sPath), _ShownDockWindows(), &sError) < 0) {
     LogMessage("Could not write the user file: " + sError, MSG_WARNING | MSG_TO_ALL);
   }
 }
@@ -924,20 +1001,29 @@ void CMainWindow::OnDeviceConnectionLost() {
 }
 
 void CMainWindow::closeEvent(QCloseEvent* pEvent) {
-  _WindowClosed();
+  if (!_WindowClosed()) {
+    pEvent->ignore();  // the user kept the project
+    return;
+  }
   CWindow::closeEvent(pEvent);
   pEvent->accept();
 }
 
-void CMainWindow::_WindowClosed() {
+bool CMainWindow::_WindowClosed() {
   if (_ShutDown) {
-    return;
+    return true;
+  }
+  if (!_AskSaveModifiedProject()) {
+    return false;
   }
   _ShutDown = true;
   _Closing = true;
   if (_pConsoleTimer) {
     _pConsoleTimer->stop();
   }
+  // The script is told to close and the project closes (which writes its user file) before the device
+  // goes: an event function that still ran could otherwise wait for a device that no longer answers.
+  CProject::Instance()->Close();
   // Queued jobs are cancelled, the device thread is told to stop and waited for while events flow.
   if (CDevice::HasInstance()) {
     CDevice* pDevice = CDevice::Instance();
@@ -952,7 +1038,5 @@ void CMainWindow::_WindowClosed() {
   SaveColorsAndFonts();
   SavePreferences();
   _CloseProgramFile();
-  if (CProject::Instance()->IsOpen()) {
-    OnProjectFileClosed(CProject::Instance()->GetFilePath());
-  }
+  return true;
 }

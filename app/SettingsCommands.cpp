@@ -760,6 +760,41 @@ void CSettingsCommands::OnActionTargetSetEndianessTriggered() {
   _Run(HANDLER_TARGET_SET_ENDIANESS);
 }
 
+QStringList CurrentSettingsCommands() {
+  const DEV_CONFIG Config = CDevice::Instance()->GetConfig();
+  auto ChoiceName = [](const CHOICE* paChoice, int NumChoices, I32 Value) {
+    for (int i = 0; i < NumChoices; ++i) {
+      if (paChoice[i].Value == Value) {
+        return QString::fromLatin1(paChoice[i].sName);
+      }
+    }
+    return QString();
+  };
+  QStringList Commands;
+  if (!Config.sDeviceName.isEmpty()) {
+    Commands << GetCommandTextFor(_RowId(HANDLER_PROJECT_SET_DEVICE), {Config.sDeviceName});
+  }
+  const QString sHostIF = ChoiceName(s_aHostInterfaces, 2, Config.HostIF);
+  if (!sHostIF.isEmpty()) {
+    QStringList Args = {sHostIF};
+    if (Config.HostIF == kHostIFIP && !Config.sHostName.isEmpty()) {
+      Args << Config.sHostName;
+    } else if (Config.HostIF == kHostIFUSB && Config.UseSerialNo) {
+      Args << QString::number(Config.USBSerialNo);
+    }
+    Commands << GetCommandTextFor(_RowId(HANDLER_PROJECT_SET_HOST_IF), Args);
+  }
+  const QString sTargetIF = ChoiceName(s_aTargetInterfaces, 2, Config.TargetIF);
+  if (!sTargetIF.isEmpty()) {
+    Commands << GetCommandTextFor(_RowId(HANDLER_PROJECT_SET_TARGET_IF), {sTargetIF});
+  }
+  const QString sSpeed = FrequencyToText(GetVarValue(GetVar(VAR_TIF_SPEED)), false);
+  if (!sSpeed.isEmpty()) {
+    Commands << GetCommandTextFor(_RowId(HANDLER_PROJECT_SET_TIF_SPEED), {sSpeed});
+  }
+  return Commands;
+}
+
 void ConnectSettingsCommands(CWindow* pWindow, CSettingsCommands* pHandlers) {
   for (int h = 0; h < NUM_HANDLERS; ++h) {
     QAction* pAction = GetAction(_RowId(h));

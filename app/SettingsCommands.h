@@ -4,6 +4,7 @@
 
 #include <QObject>
 #include <QString>
+#include <QStringList>
 
 #include "app/base/Types.h"
 
@@ -77,6 +78,11 @@ enum : int {
   SETTING_KIND_COLOR = 2,
   SETTING_KIND_FONT = 3,
 };
+
+// The settings the session runs with, as the canonical commands that set them: Project.SetDevice,
+// Project.SetHostIF, Project.SetTargetIF and Project.SetTIFSpeed, in this order. A new project is saved
+// with these, so that it opens again on the same target. A setting without a value gives no command.
+QStringList CurrentSettingsCommands();
 
 // Replaces the main window's "not available" placeholder of every row above by its handler, bracketed
 // so that the Console echoes the row and prints its error.

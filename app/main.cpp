@@ -81,11 +81,10 @@ int main(int argc, char** argv) {
     CMainWindow* pMainWindow = new CMainWindow(Batch.Enabled);
     InstallQtLogHandler();
     if (Batch.Enabled) {
-      // A project named first on the command line is open, and its OnProjectLoad has run, before the
-      // first batch line.
-      QStringList Args = QCoreApplication::arguments();
-      if (Args.size() > 1 && IsProjectFileName(Args[1])) {
-        pMainWindow->OpenProject(Args[1]);
+      // A project named first on the command line, or made from its dash words, is open, and its
+      // OnProjectLoad has run, before the first batch line.
+      if (!pMainWindow->OpenCommandLineProject()) {
+        CProject::Instance()->Close();  // a new project stands, as after the window's start
       }
       WaitForPendingProject();
       Result = RunBatch(Batch);

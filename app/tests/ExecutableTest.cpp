@@ -58,6 +58,11 @@ QString WriteFile(const QTemporaryDir& Dir, const QString& sName, const QByteArr
   return Dir.filePath(sName);
 }
 
+QByteArray ReadFile(const QString& sPath) {
+  QFile File(sPath);
+  return File.open(QIODevice::ReadOnly) ? File.readAll() : QByteArray();
+}
+
 // The output of a tool of the cross toolchain or binutils, for the expected values of the program rows.
 QString ToolOutput(const QString& sTool, const QStringList& Args) {
   QProcess Process;
@@ -140,6 +145,8 @@ TEST(Executable, AProjectOpenedByABatchLineHasRunBeforeTheNextLine) {
   const QString sGood =
       WriteFile(Dir, "good.zvproj", "void OnProjectLoad (void) {\n  Util.Log (\"loaded\");\n}\n");
   const QString sBad = WriteFile(Dir, "bad.zvproj", "void OnProjectLoad (void) {\n  x = ;\n}\n");
+  const QByteArray Layout = "OpenWindow=\"Console\", DockArea=BOTTOM, x=0, y=0, w=640, h=200\n";
+  const QString sLayout = WriteFile(Dir, "bad.zvproj.user", Layout);
   RUN Run =
       RunZevra({"--batch", "-"}, QString("File.Open (\"%1\")\nUtil.Log (\"next\")\n").arg(sGood).toUtf8());
   EXPECT_EQ(Run.ExitCode, 0) << Run.sOut.toStdString();
@@ -153,6 +160,9 @@ TEST(Executable, AProjectOpenedByABatchLineHasRunBeforeTheNextLine) {
   RUN Bad = RunZevra({"--batch", "-"}, QString("File.Open (\"%1\")\n").arg(sBad).toUtf8());
   EXPECT_EQ(Bad.ExitCode, 2) << Bad.sOut.toStdString();
   EXPECT_TRUE(Bad.sOut.contains("Error in project file: ")) << Bad.sOut.toStdString();
+  // The runs leave no user file beside the projects, and an earlier one as it was.
+  EXPECT_FALSE(QFile::exists(Dir.filePath("good.zvproj.user")));
+  EXPECT_EQ(ReadFile(sLayout), Layout);
 }
 
 TEST(Executable, APipeDrivenSessionAnswersEachLineBeforeTheNextIsSent) {
@@ -180,6 +190,49 @@ TEST(Executable, APipeDrivenSessionAnswersEachLineBeforeTheNextIsSent) {
   Process.closeWriteChannel();
   ASSERT_TRUE(Process.waitForFinished(30000));
   EXPECT_EQ(Process.exitCode(), 0);
+}
+
+TEST(Executable, ANewProjectSavedUnderANameReopensOnTheSameTarget) {
+  QTemporaryDir Dir;
+  const QString sProject = Dir.filePath("saved.zvproj");
+  const QStringList Settings = {"Project.SetDevice (\"Simulator Cortex-M3\");",
+                                "Project.SetHostIF (\"USB\", \"7\");", "Project.SetTargetIF (\"JTAG\");"};
+  RUN Save =
+      RunZevra({"--batch", "-"},
+               (Settings.join('\n') + QString("\nFile.SaveProjectAs (\"%1\")\n").arg(sProject)).toUtf8());
+  EXPECT_EQ(Save.ExitCode, 0) << Save.sOut.toStdString();
+  const QString sText = QString::fromUtf8(ReadFile(sProject));
+  for (const QString& s : Settings) {
+    EXPECT_TRUE(sText.contains("  " + s)) << s.toStdString() << "\n" << sText.toStdString();
+  }
+  RUN Reopen = RunZevra({sProject, "--batch", "-"}, "");
+  EXPECT_EQ(Reopen.ExitCode, 0) << Reopen.sOut.toStdString();
+  QStringList Lines = Reopen.sOut.split('\n', Qt::SkipEmptyParts);
+  for (const QString& s : Settings) {
+    EXPECT_TRUE(Lines.contains(s)) << s.toStdString() << "\n" << Reopen.sOut.toStdString();
+  }
+  EXPECT_FALSE(QFile::exists(Dir.filePath("saved.zvproj.user")));
+}
+
+TEST(Executable, DashWordsMakeANewProjectThatTheShutdownAsksAbout) {
+  RUN Run =
+      RunZevra({"-device", "Sim", "-IP", "127.0.0.1:2331", "-if", "SWD", "-speed", "4000", "--batch", "-"},
+               "File.SaveAll\n");
+  QStringList Lines = Run.sOut.split('\n', Qt::SkipEmptyParts);
+  const QStringList Expected = {"Project.SetDevice (\"Sim\");",
+                                "Project.SetHostIF (\"IP\", \"127.0.0.1:2331\");",
+                                "Project.SetTargetIF (\"SWD\");", "Project.SetTIFSpeed (\"4000\");"};
+  for (const QString& s : Expected) {
+    EXPECT_TRUE(Lines.contains(s)) << s.toStdString() << "\n" << Run.sOut.toStdString();
+  }
+  // The new project is modified: saving it may run (and has no name to save under), and the end asks.
+  EXPECT_FALSE(Run.sOut.contains("Command disabled")) << Run.sOut.toStdString();
+  EXPECT_TRUE(Lines.contains("File.SaveAll(): project not saved")) << Run.sOut.toStdString();
+  EXPECT_EQ(Lines.last(), "Save Project Changes?: The current project was modified. Save changes? No");
+  // Without changes there is nothing to save, and nothing to ask.
+  RUN Plain = RunZevra({"--batch", "-"}, "File.SaveAll\n");
+  EXPECT_EQ(Plain.ExitCode, 1);
+  EXPECT_EQ(Plain.sOut, "File.SaveAll: Command disabled\n");
 }
 
 TEST(Executable, ProgramRowsAnswerWhatTheToolchainReadsFromTheFile) {
