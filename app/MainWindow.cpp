@@ -476,10 +476,9 @@ void CMainWindow::OnActionUtilSleepTriggered() {
     return;
   }
   QString sMs = GetArguments(Id).value(0).trimmed();
-  bool Ok = false;
-  int Ms = sMs.toInt(&Ok, 0);
-  if (!Ok || Ms < 0) {
-    SetError(Id, "invalid number", sMs);
+  I64 Ms = 0;
+  if (!TextToCommandNumber(sMs, &Ms) || Ms < 0 || Ms > INT32_MAX) {
+    SetError(Id, "invalid number", ArgumentForError(sMs));
     return;
   }
   // Events keep flowing while the command waits (device events included); user input does not.
@@ -498,11 +497,11 @@ void CMainWindow::OnActionExecCmdTriggered() {
   }
   QByteArray Cmd = GetArguments(Id).value(0).toUtf8();
   if (Cmd.isEmpty()) {
-    SetError(Id, "invalid parameter", "empty command");
+    SetError(Id, "invalid parameter", ArgumentForError(GetArguments(Id).value(0)));
     return;
   }
   if (Cmd.size() > 1024) {
-    SetError(Id, "invalid parameter", "command longer than 1024 bytes");
+    SetError(Id, "invalid parameter", ArgumentForError(GetArguments(Id).value(0)));
     return;
   }
   if (CDevice::Instance()->ScheduleExecTarvikCmd(Cmd.constData()) < 0) {
@@ -741,6 +740,11 @@ int CMainWindow::_OpenDataFile(int Id, const QString& sPath) {
       MSG_INFO | MSG_TO_STDOUT | MSG_TO_LOGFILE);
   _sProgramPath = sPath;
   CProject::Instance()->SetProgramFile(sPath);
+  // A run to the break symbol stops at its address in this program.
+  const U32 RunTo = RunToAddressOf(GetVarString(GetVar(VAR_BREAK_AT_THIS_SYMBOL)));
+  if (RunTo != kNoAddress) {
+    CDevice::Instance()->ScheduleSetConfigParam(DCP_RUN_TO_ADDR, int(RunTo));
+  }
   _UpdateTitle();
   return 0;
 }
@@ -760,17 +764,21 @@ void CMainWindow::OnActionFileOpenTriggered() {
     _sLastDialogFolder = QFileInfo(sPath).absolutePath();
   }
   if (sPath.isEmpty()) {
-    SetError(Id, "invalid filename");
+    SetError(Id, "invalid filename", ArgumentForError(sPath));
     return;
   }
   QElapsedTimer Timer;
   Timer.start();
   if (!QFileInfo(sPath).isFile()) {
-    sPath = GetFileFinder().Resolve(sPath);
+    // A name the finder can't resolve stays as typed, so that the error names it.
+    const QString sResolved = GetFileFinder().Resolve(sPath);
+    if (!sResolved.isEmpty()) {
+      sPath = sResolved;
+    }
   }
   QFileInfo Info(sPath);
   if (!Info.isFile()) {
-    SetError(Id, "file not found", sPath.contains(' ') ? "\"" + sPath + "\"" : sPath);
+    SetError(Id, "file not found", ArgumentForError(sPath));
     return;
   }
   sPath = Info.absoluteFilePath();
@@ -812,7 +820,7 @@ void CMainWindow::OnActionFileSaveProjectAsTriggered() {
   QString sPath = GetArguments(Id).value(0).trimmed();
   if (sPath.isEmpty()) {
     if (IsBatchMode()) {
-      SetError(Id, "invalid project filename", "no file name given");
+      SetError(Id, "invalid project filename", ArgumentForError(sPath));
       SetResult(Id, 2);
       return;
     }
@@ -871,7 +879,7 @@ void CMainWindow::_RunPathRow(const char* sRow, int Count,
   QStringList Args = GetArguments(Id);
   for (int i = 0; i < Count; ++i) {
     if (Args.value(i).trimmed().isEmpty()) {
-      SetError(Id, "invalid parameter", QString("argument %1 is empty").arg(i + 1));
+      SetError(Id, "invalid parameter", ArgumentForError(Args.value(i)));
       return;
     }
   }
@@ -892,16 +900,18 @@ void CMainWindow::OnActionProjectRelocateSymbolsTriggered() {
   }
   QStringList Args = GetArguments(Id);
   QString sOffset = Args.value(1).trimmed();
-  bool Ok = false;
-  qlonglong Offset = sOffset.toLongLong(&Ok, 0);
-  if (!Ok || Offset < INT32_MIN || Offset > INT32_MAX) {
-    SetError(Id, "invalid number", sOffset);
+  I64 Offset = 0;
+  if (!TextToCommandNumber(sOffset, &Offset) || Offset < INT32_MIN || Offset > INT32_MAX) {
+    SetError(Id, "invalid number", ArgumentForError(sOffset));
     return;
   }
   const char* sError = nullptr;
   std::lock_guard Lock(ELF_GetIndexMutex());
-  if (ELF_AddRelocationText(Args.value(0).trimmed().toUtf8().constData(), I32(Offset), &sError) < 0) {
-    SetError(Id, "invalid parameter", QString("%1: %2").arg(Args.value(0).trimmed(), sError));
+  const QString sSymbols = Args.value(0).trimmed();
+  if (ELF_AddRelocationText(sSymbols.toUtf8().constData(), I32(Offset), &sError) < 0) {
+    LogMessage(QString("Project.RelocateSymbols: %1").arg(sError),
+               MSG_WARNING | MSG_TO_STDOUT | MSG_TO_LOGFILE);
+    SetError(Id, "invalid parameter", ArgumentForError(sSymbols));
   }
 }
 

@@ -160,6 +160,11 @@ TEST(Executable, AProjectOpenedByABatchLineHasRunBeforeTheNextLine) {
   RUN Bad = RunZevra({"--batch", "-"}, QString("File.Open (\"%1\")\n").arg(sBad).toUtf8());
   EXPECT_EQ(Bad.ExitCode, 2) << Bad.sOut.toStdString();
   EXPECT_TRUE(Bad.sOut.contains("Error in project file: ")) << Bad.sOut.toStdString();
+  // A relative name the finder can't resolve is named in the error as typed.
+  RUN Missing = RunZevra({"--batch", "-"}, "File.Open (\"no/such/file.elf\")\n");
+  EXPECT_EQ(Missing.ExitCode, 1);
+  EXPECT_TRUE(Missing.sOut.contains("File.Open (\"no/such/file.elf\"): file not found: no/such/file.elf"))
+      << Missing.sOut.toStdString();
   // The runs leave no user file beside the projects, and an earlier one as it was.
   EXPECT_FALSE(QFile::exists(Dir.filePath("good.zvproj.user")));
   EXPECT_EQ(ReadFile(sLayout), Layout);
@@ -271,6 +276,23 @@ TEST(Executable, ProgramRowsAnswerWhatTheToolchainReadsFromTheFile) {
   EXPECT_EQ(After("Elf.GetEntryPointPC();"), ResultLine(Entry));
   EXPECT_EQ(After("Elf.GetBaseAddr();"), ResultLine(Base));
   EXPECT_EQ(After("Elf.GetEndianess();"), ResultLine(BigEndian));
+}
+
+TEST(Executable, EchoAndHandlerReadANumberAlike) {
+  RUN Run = RunZevra({"--batch", "-"},
+                     "Exec.Connect\n"
+                     "Target.ReadU32 (1e3)\n"
+                     "Target.ReadU32 (0b101)\n"
+                     "Util.Sleep (1.5)\n"
+                     "Util.Log\t\"tab\"\n"
+                     "Project.SetDevice (\"\")\n");
+  QStringList Lines = Run.sOut.split('\n', Qt::SkipEmptyParts);
+  for (const char* s :
+       {"Target.ReadU32 (1e3): invalid parameter: 1e3", "Target.ReadU32 (0b101): invalid parameter: 0b101",
+        "Util.Sleep (1.5): invalid number: 1.5", "Util.Log (\"tab\");", "tab",
+        "Project.SetDevice (\"\"): invalid parameter: \"\""}) {
+    EXPECT_TRUE(Lines.contains(s)) << s << "\n" << Run.sOut.toStdString();
+  }
 }
 
 TEST(Executable, LogFileTakesLevelPrefixesAndDebugAddsStdout) {
@@ -461,4 +483,23 @@ TEST(Executable, ProjectWithAnErrorIsReportedWithItsLineAndExitsWithTwo) {
   QFile Again(sProject);
   ASSERT_TRUE(Again.open(QIODevice::ReadOnly));
   EXPECT_EQ(Again.readAll(), Text);
+}
+
+TEST(Executable, ABreakSymbolIsLookedUpInTheOpenProgram) {
+  const QString sElf = QString(ZEVRA_SOURCE_DIR) + "/target/elf/basic-O0.elf";
+  // The symbol table has main and no "no_such_function" (arm-none-eabi-nm); without a program nothing
+  // can be looked up yet, so nothing is refused.
+  RUN Run =
+      RunZevra({"--batch", "-"}, QString("Edit.SysVar (VAR_BREAK_AT_THIS_SYMBOL, \"no_such_function\")\n"
+                                         "File.Open (\"%1\")\n"
+                                         "Edit.SysVar (VAR_BREAK_AT_THIS_SYMBOL, \"no_such_function\")\n"
+                                         "Edit.SysVar (VAR_BREAK_AT_THIS_SYMBOL, \"main\")\n")
+                                     .arg(sElf)
+                                     .toUtf8());
+  EXPECT_EQ(Run.ExitCode, 1);
+  QStringList Errors = Run.sOut.split('\n').filter(": unknown symbol");
+  EXPECT_EQ(Errors, QStringList({"Edit.SysVar (VAR_BREAK_AT_THIS_SYMBOL, no_such_function): unknown symbol: "
+                                 "no_such_function"}))
+      << Run.sOut.toStdString();
+  EXPECT_FALSE(Run.sOut.contains("main): ")) << Run.sOut.toStdString();
 }
