@@ -79,6 +79,11 @@ struct SCRIPT_STACK {
   U8* pBase = nullptr;  // lowest address; its first page is a guard
   bool Active = false;  // a run is on it now
   U64 LowestFrame = 0;  // frames below this address are refused
+  ~SCRIPT_STACK() {
+    if (pBase != nullptr) {
+      munmap(pBase, SCRIPT_STACK_SIZE);
+    }
+  }
 };
 thread_local SCRIPT_STACK t_Stack;
 
