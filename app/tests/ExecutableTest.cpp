@@ -503,3 +503,27 @@ TEST(Executable, ABreakSymbolIsLookedUpInTheOpenProgram) {
       << Run.sOut.toStdString();
   EXPECT_FALSE(Run.sOut.contains("main): ")) << Run.sOut.toStdString();
 }
+
+TEST(Executable, TheMemoryChannelNeedsItsControlBlockInTheProgram) {
+  // A program built without the MCT library, and one of the committed programs that links it.
+  QTemporaryDir Dir;
+  const QString sSource =
+      WriteFile(Dir, "bare.c", "int main(void) { return 0; }\nvoid _start(void) { main(); }\n");
+  const QString sBare = Dir.filePath("bare.elf");
+  QProcess Gcc;
+  Gcc.start("arm-none-eabi-gcc", {"-mcpu=cortex-m4", "-mthumb", "-g", "-nostdlib", "-o", sBare, sSource});
+  if (!Gcc.waitForFinished(60000) || Gcc.exitCode() != 0) {
+    GTEST_SKIP() << "arm-none-eabi-gcc could not build the bare program";
+  }
+  const QString sWithBlock = QString(ZEVRA_SOURCE_DIR) + "/target/elf/mct_echo-O0.elf";
+  const QString sFailure =
+      "Failed to activate Memory Channel Transfer. Please verify that the target application uses Quorin's "
+      "MCT library.";
+  RUN Run = RunZevra({"--batch", "-"}, QString("File.Open (\"%1\")\nProject.SetMCT (1)\n"
+                                               "File.Open (\"%2\")\nProject.SetMCT (1)\n")
+                                           .arg(sBare, sWithBlock)
+                                           .toUtf8());
+  EXPECT_EQ(Run.ExitCode, 1);
+  EXPECT_EQ(Run.sOut.split('\n').filter(sFailure), QStringList({"Project.SetMCT (1): " + sFailure}))
+      << Run.sOut.toStdString();
+}
