@@ -5,163 +5,201 @@
 #include <QCoreApplication>
 #include <QFile>
 #include <QStringList>
-#include <QTextStream>
+#include <cerrno>
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
-#include <mutex>
-#include <thread>
 
+#include "app/MainWindow.h"
 #include "app/actions/ActionTable.h"
 #include "app/actions/CommandConsole.h"
 #include "app/actions/CommandWait.h"
 #include "app/base/ConsoleCore.h"
 #include "app/base/Log.h"
+#include "script/Project.h"
 #include "script/ZvScript.h"
 
 namespace {
 
-// Ends the process with the time-out code if the run is not over in time, even when the main thread is
-// stuck inside a command.
-class CWatchdog {
- public:
-  explicit CWatchdog(int Seconds) {
-    if (Seconds <= 0) {
-      return;
-    }
-    _Thread = std::thread([this, Seconds] {
-      std::unique_lock<std::mutex> Lock(_Mutex);
-      if (!_Cv.wait_for(Lock, std::chrono::seconds(Seconds), [this] { return _Done; })) {
-        fprintf(stderr, "Batch time-out: the run took longer than %d s\n", Seconds);
-        fflush(stdout);
-        fflush(stderr);
-        GetLogSink().Flush();
-        _exit(BATCH_EXIT_TIMEOUT);
-      }
-    });
-  }
-  ~CWatchdog() {
-    {
-      std::lock_guard<std::mutex> Lock(_Mutex);
-      _Done = true;
-    }
-    _Cv.notify_all();
-    if (_Thread.joinable()) {
-      _Thread.join();
-    }
-  }
-
- private:
-  std::thread _Thread;
-  std::mutex _Mutex;
-  std::condition_variable _Cv;
-  bool _Done = false;
-};
+using Clock = std::chrono::steady_clock;
 
 bool _IsSkipped(const QString& sLine) {
   QString s = sLine.trimmed();
   return s.isEmpty() || s.startsWith('#') || s.startsWith("//");
 }
 
+// The state of one batch run across its lines.
+struct BATCH_RUN {
+  Clock::time_point End;
+  int ExitCode = BATCH_EXIT_OK;
+
+  int RemainingMS() const {
+    auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(End - Clock::now()).count();
+    return int(std::max<long long>(ms, 0));
+  }
+};
+
+// Runs one line and what it started: its jobs, a project it opened, the device's events. False when
+// the batch ends with this line: the time ran out (the exit code says so) or the line closed the
+// application.
+bool _RunLine(const QString& sLine, BATCH_RUN* pRun) {
+  if (_IsSkipped(sLine)) {
+    return true;
+  }
+  U64 Errors = GetErrorSerial();
+  U64 Results = GetResultSerial();
+  int Id = -1;
+  int r = CCommandConsole::Instance()->RunLine(sLine, &Id);
+  bool Failed = r < 0;
+  if (!Failed && Id >= 0 && GetErrorSerial() == Errors) {
+    WaitForCommandJobs(Id);
+  }
+  WaitForPendingProject();
+  if (!SettleDevice(pRun->RemainingMS()) && pRun->RemainingMS() == 0) {
+    fprintf(stderr, "Batch time-out while running: %s\n", qPrintable(sLine.trimmed()));
+    pRun->ExitCode = BATCH_EXIT_TIMEOUT;
+    return false;
+  }
+  if (GetErrorSerial() != Errors) {
+    Failed = true;
+  }
+  if (!Failed && Id >= 0 && GetResultSerial() != Results) {
+    int Value = GetResult(Id);
+    QString sHex = QString::number(U32(Value), 16).toUpper().rightJustified(8, '0');
+    ConsolePrint(QString("= %1 (0x%2)").arg(Value).arg(sHex));
+  }
+  if (Failed) {
+    pRun->ExitCode = BATCH_EXIT_COMMAND_FAILED;
+  }
+  const CMainWindow* pMainWindow = CMainWindow::Instance();
+  return pMainWindow == nullptr || !pMainWindow->IsClosing();
+}
+
+QString _OptionValue(int argc, char** argv, int i) {
+  return i < argc ? QString::fromLocal8Bit(argv[i]) : QString();
+}
+
 }  // namespace
+
+CBatchWatchdog::CBatchWatchdog(int Seconds) {
+  if (Seconds <= 0) {
+    return;
+  }
+  _Thread = std::thread([this, Seconds] {
+    std::unique_lock<std::mutex> Lock(_Mutex);
+    if (!_Cv.wait_for(Lock, std::chrono::seconds(Seconds), [this] { return _Done; })) {
+      fprintf(stderr, "Batch time-out: the run took longer than %d s\n", Seconds);
+      fflush(stdout);
+      fflush(stderr);
+      GetLogSink().Flush();
+      _exit(BATCH_EXIT_TIMEOUT);
+    }
+  });
+}
+
+CBatchWatchdog::~CBatchWatchdog() {
+  {
+    std::lock_guard<std::mutex> Lock(_Mutex);
+    _Done = true;
+  }
+  _Cv.notify_all();
+  if (_Thread.joinable()) {
+    _Thread.join();
+  }
+}
+
+void WaitForPendingProject() {
+  while (CProject::Instance()->IsPending()) {
+    QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
+  }
+}
 
 BATCH_OPTIONS ParseBatchOptions(int argc, char** argv) {
   BATCH_OPTIONS Options;
+  bool Script = false;
+  QStringList Args;
+  for (int i = 0; i < argc; ++i) {
+    Args << QString::fromLocal8Bit(argv[i]);
+  }
   for (int i = 1; i < argc; ++i) {
     if (strcmp(argv[i], "--batch") == 0) {
       Options.Enabled = true;
       if (i + 1 < argc) {
-        Options.sFile = QString::fromLocal8Bit(argv[++i]);
+        Options.sFile = _OptionValue(argc, argv, ++i);
       } else {
         Options.sError = "--batch needs a file name (or - for standard input)";
       }
-    } else if (strcmp(argv[i], "--script") == 0 && !Options.Enabled) {
-      // A script file alone runs headless too, with no command lines before it.
-      Options.Enabled = true;
-      Options.sFile = QString();
+    } else if (strcmp(argv[i], "--script") == 0 || strcmp(argv[i], "--script-function") == 0) {
+      // A script file runs headless too, after the batch lines if there are any.
+      Script = true;
     } else if (strcmp(argv[i], "--batch-timeout") == 0) {
+      const QString sValue = _OptionValue(argc, argv, ++i);
       bool Ok = false;
-      int Seconds = i + 1 < argc ? QString(argv[i + 1]).toInt(&Ok) : 0;
+      int Seconds = sValue.toInt(&Ok, 10);
       if (!Ok || Seconds <= 0) {
-        Options.sError = QString("--batch-timeout needs a positive number of seconds, not \"%1\"")
-                             .arg(i + 1 < argc ? argv[i + 1] : "");
+        Options.sError =
+            QString("--batch-timeout needs a positive whole number of seconds, not \"%1\"").arg(sValue);
       } else {
         Options.TimeoutSeconds = Seconds;
       }
-      ++i;
+    }
+  }
+  if (Script) {
+    Options.Enabled = true;
+    const SCRIPT_RUN_OPTIONS ScriptOptions = ParseScriptRunOptions(Args);
+    if (Options.sError.isEmpty() && !ScriptOptions.sError.isEmpty()) {
+      Options.sError = ScriptOptions.sError;
     }
   }
   return Options;
 }
 
 int RunBatchLines(const QStringList& Lines, int TimeoutSeconds) {
-  using Clock = std::chrono::steady_clock;
-  const Clock::time_point End = Clock::now() + std::chrono::seconds(TimeoutSeconds);
-  auto RemainingMS = [&End] {
-    auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(End - Clock::now()).count();
-    return int(std::max<long long>(ms, 0));
-  };
-  int ExitCode = BATCH_EXIT_OK;
-  CCommandConsole* pConsole = CCommandConsole::Instance();
+  BATCH_RUN Run;
+  Run.End = Clock::now() + std::chrono::seconds(TimeoutSeconds);
   for (const QString& sLine : Lines) {
-    if (_IsSkipped(sLine)) {
-      continue;
-    }
-    U64 Errors = GetErrorSerial();
-    U64 Results = GetResultSerial();
-    int Id = -1;
-    int r = pConsole->RunLine(sLine, &Id);
-    bool Failed = r < 0;
-    if (!Failed && Id >= 0 && GetErrorSerial() == Errors) {
-      WaitForCommandJobs(Id);
-    }
-    if (!SettleDevice(RemainingMS())) {
-      if (RemainingMS() == 0) {
-        fprintf(stderr, "Batch time-out while running: %s\n", qPrintable(sLine.trimmed()));
-        return BATCH_EXIT_TIMEOUT;
-      }
-    }
-    if (GetErrorSerial() != Errors) {
-      Failed = true;
-    }
-    if (!Failed && Id >= 0 && GetResultSerial() != Results) {
-      int Value = GetResult(Id);
-      QString sHex = QString::number(U32(Value), 16).toUpper().rightJustified(8, '0');
-      ConsolePrint(QString("= %1 (0x%2)").arg(Value).arg(sHex));
-    }
-    if (Failed) {
-      ExitCode = BATCH_EXIT_COMMAND_FAILED;
+    if (!_RunLine(sLine, &Run)) {
+      break;
     }
   }
-  return ExitCode;
+  return Run.ExitCode;
 }
 
 int RunBatch(const BATCH_OPTIONS& Options) {
-  QFile File;
-  bool Open;
   if (Options.sFile.isEmpty()) {
-    CWatchdog Watchdog(Options.TimeoutSeconds);
     return ZvScriptRunFromArguments(QCoreApplication::arguments()) < 0 ? BATCH_EXIT_SCRIPT_ERROR
                                                                        : BATCH_EXIT_OK;
   }
-  if (Options.sFile == "-") {
-    Open = File.open(stdin, QIODevice::ReadOnly | QIODevice::Text);
-  } else {
-    File.setFileName(Options.sFile);
-    Open = File.open(QIODevice::ReadOnly | QIODevice::Text);
-  }
-  if (!Open) {
-    fprintf(stderr, "Cannot read batch file \"%s\": %s\n", qPrintable(Options.sFile),
-            qPrintable(File.errorString()));
+  FILE* pFile = Options.sFile == "-" ? stdin : fopen(QFile::encodeName(Options.sFile).constData(), "r");
+  if (pFile == nullptr) {
+    fprintf(stderr, "Cannot read batch file \"%s\": %s\n", qPrintable(Options.sFile), strerror(errno));
     return BATCH_EXIT_NO_FILE;
   }
-  QStringList Lines = QString::fromUtf8(File.readAll()).split('\n');
-  CWatchdog Watchdog(Options.TimeoutSeconds);
-  int Code = RunBatchLines(Lines, Options.TimeoutSeconds);
+  BATCH_RUN Run;
+  Run.End = Clock::now() + std::chrono::seconds(Options.TimeoutSeconds);
+  // One line at a time, each run before the next is read: stdio hands over a line as soon as it is
+  // complete, so a program on the other end of a pipe sees each answer before it sends the next line.
+  char* pLine = nullptr;
+  size_t Capacity = 0;
+  bool GoOn = true;
+  for (ssize_t n; GoOn && (n = getline(&pLine, &Capacity, pFile)) >= 0;) {
+    QString sLine = QString::fromUtf8(pLine, qsizetype(n));
+    while (sLine.endsWith('\n') || sLine.endsWith('\r')) {
+      sLine.chop(1);
+    }
+    GoOn = _RunLine(sLine, &Run);
+  }
+  free(pLine);
+  if (pFile != stdin) {
+    fclose(pFile);
+  }
+  if (!GoOn) {
+    return Run.ExitCode;  // the time ran out, or a line ended the application
+  }
   // A script file given with --script runs after the lines; its failure is a script error.
   if (ZvScriptRunFromArguments(QCoreApplication::arguments()) < 0) {
     return BATCH_EXIT_SCRIPT_ERROR;
   }
-  return Code;
+  return Run.ExitCode;
 }

@@ -6,6 +6,7 @@
 #include <QApplication>
 #include <QCloseEvent>
 #include <QDir>
+#include <QDockWidget>
 #include <QElapsedTimer>
 #include <QEventLoop>
 #include <QFile>
@@ -25,6 +26,7 @@
 #include <QVBoxLayout>
 
 #include "app/AppInfo.h"
+#include "app/ElfCommands.h"
 #include "app/SettingsCommands.h"
 #include "app/TargetCommands.h"
 #include "app/actions/ActionTable.h"
@@ -132,7 +134,12 @@ CMainWindow::CMainWindow(bool BatchMode) : CWindow(nullptr, "MainWindow"), _Batc
   CProject* pProject = CProject::Instance();
   connect(pProject, &CProject::Opened, this, &CMainWindow::OnProjectFileOpened);
   connect(pProject, &CProject::Closed, this, &CMainWindow::OnProjectFileClosed);
-  connect(pProject, &CProject::ModifiedChanged, this, [this](bool) { _UpdateTitle(); });
+  connect(pProject, &CProject::ModifiedChanged, this, [this](bool) {
+    _UpdateTitle();
+    UpdateActions();
+  });
+  // A new project is saved with the settings the session runs with.
+  pProject->SetSettingsCommandSource(&CurrentSettingsCommands);
   _UpdateTitle();
   UpdateActions();
   qApp->installEventFilter(this);
@@ -254,6 +261,7 @@ void CMainWindow::_ConnectActions() {
   }
   _pTargetCommands = new CTargetCommands(this);
   _pTargetCommands->ConnectTo(this);
+  (new CElfCommands(this))->ConnectTo(this);
   // Scripts read registers by name without going through the row, as the register window does.
   ScriptSetRegisterResolver(&CTargetCommands::RegisterIndexByName);
   CCommandConsole* pConsole = CCommandConsole::Instance();
@@ -269,11 +277,14 @@ void CMainWindow::UpdateActions() {
   CDevice* pDevice = CDevice::HasInstance() ? CDevice::Instance() : nullptr;
   const bool Connected = pDevice && pDevice->IsConnected();
   const bool Halted = Connected && pDevice->IsHalted();
-  const bool ProjectOpen = true;  // an empty project stands from the start
-  const bool ProjectModified = false;
+  const CProject* pProject = CProject::Instance();
+  const bool ProjectOpen = pProject->IsOpen();
+  const bool ProjectModified = ProjectOpen && pProject->IsModified();
+  // Breakpoints are only known to the probe until the session keeps its own list; until then none
+  // counts, and the clearing rows stay off.
   const int NumBreakpoints = 0;
   const int NumDataBreakpoints = 0;
-  const bool PCLocationValid = false;
+  const bool PCLocationValid = Halted && ELF_IsLoaded() && ELF_GetFirstSrcLoc(pDevice->GetPC()).IsValid();
   auto HasContext = [](QAction* pAction) {
     QVariant Data = pAction->data();
     return Data.isValid() && Data.typeId() != QMetaType::QStringList && Data.typeId() != QMetaType::Int;
@@ -297,8 +308,7 @@ void CMainWindow::UpdateActions() {
     } else if (sName == "Debug.Stop") {
       Enabled = Visible = Connected;
     } else if (sName == "Debug.Continue") {
-      Enabled = Halted;
-      Visible = !Connected || Halted;
+      Enabled = Visible = Halted;
     } else if (sName == "Debug.Halt") {
       Enabled = Connected && !Halted;
       Visible = !Halted;
@@ -387,13 +397,11 @@ void CMainWindow::OnWindowShown() {
   LogMessage("Tarvik software found at: built-in probe layer", MSG_INFO | MSG_TO_ALL);
   // What to open: a project named on the command line, else the most recent one if the user wants
   // that, else a new project.
-  QStringList Args = QCoreApplication::arguments();
-  QString sCandidate = Args.size() > 1 ? Args[1] : QString();
   QStringList Recent = CProject::GetRecentProjects();
   static const int Open = _RowByName("File.Open");
-  if (IsProjectFileName(sCandidate)) {
-    PerformAction(Open, sCandidate);
-  } else if (!Recent.isEmpty() && IsVarSet(GetVar(PREF_START_WITH_MOST_RECENT_PROJ)) &&
+  if (OpenCommandLineProject()) {
+    // the command line decided
+  } else if (!Recent.isEmpty() && GetVarValue(GetVar(PREF_START_WITH_MOST_RECENT_PROJ)) != 0 &&
              QFileInfo(Recent.first()).isFile()) {
     PerformAction(Open, Recent.first());
   } else {
@@ -401,6 +409,7 @@ void CMainWindow::OnWindowShown() {
     _UpdateTitle();
   }
   ReportUnlinkedActions();
+  emit StartupFinished();
 }
 
 void CMainWindow::OnConsoleTimer() {
@@ -467,10 +476,9 @@ void CMainWindow::OnActionUtilSleepTriggered() {
     return;
   }
   QString sMs = GetArguments(Id).value(0).trimmed();
-  bool Ok = false;
-  int Ms = sMs.toInt(&Ok, 0);
-  if (!Ok || Ms < 0) {
-    SetError(Id, "invalid number", sMs);
+  I64 Ms = 0;
+  if (!TextToCommandNumber(sMs, &Ms) || Ms < 0 || Ms > INT32_MAX) {
+    SetError(Id, "invalid number", ArgumentForError(sMs));
     return;
   }
   // Events keep flowing while the command waits (device events included); user input does not.
@@ -489,11 +497,11 @@ void CMainWindow::OnActionExecCmdTriggered() {
   }
   QByteArray Cmd = GetArguments(Id).value(0).toUtf8();
   if (Cmd.isEmpty()) {
-    SetError(Id, "invalid parameter", "empty command");
+    SetError(Id, "invalid parameter", ArgumentForError(GetArguments(Id).value(0)));
     return;
   }
   if (Cmd.size() > 1024) {
-    SetError(Id, "invalid parameter", "command longer than 1024 bytes");
+    SetError(Id, "invalid parameter", ArgumentForError(GetArguments(Id).value(0)));
     return;
   }
   if (CDevice::Instance()->ScheduleExecTarvikCmd(Cmd.constData()) < 0) {
@@ -580,6 +588,40 @@ int CMainWindow::OpenProject(const QString& sPath) {
   return 0;
 }
 
+bool CMainWindow::OpenCommandLineProject() {
+  const QStringList Args = QCoreApplication::arguments();
+  const QString sCandidate = Args.value(1);
+  if (IsProjectFileName(sCandidate)) {
+    if (_BatchMode) {
+      OpenProject(sCandidate);  // quietly, as if it had been open before the first line
+    } else {
+      static const int Open = _RowByName("File.Open");
+      PerformAction(Open, sCandidate);
+    }
+    return true;
+  }
+  const QStringList Commands = BuildCommandListFromArgs(Args.mid(1));
+  if (Commands.isEmpty()) {
+    return false;
+  }
+  OnProjectWizardFinished(Commands);
+  return true;
+}
+
+void CMainWindow::OnProjectWizardFinished(const QStringList& Commands) {
+  if (!_AskStopSession()) {
+    return;
+  }
+  SetVarFromText(GetVar(VAR_BREAK_AT_THIS_SYMBOL), "main", false);
+  _CloseProgramFile();
+  // NewFromCommands closes the old project first.
+  if (CProject::Instance()->NewFromCommands(Commands) == 0) {
+    RunEvent(SF_PROJECT_LOAD);
+  }
+  _UpdateTitle();
+  UpdateActions();
+}
+
 void CMainWindow::OnProjectFileOpened(const QString& sPath) {
   CProject* pProject = CProject::Instance();
   CProject::AddRecentProject(QFileInfo(sPath).absoluteFilePath());
@@ -600,9 +642,45 @@ void CMainWindow::OnProjectFileOpened(const QString& sPath) {
   _UpdateTitle();
 }
 
+QList<CProject::USER_WINDOW> CMainWindow::_ShownDockWindows() const {
+  QList<CProject::USER_WINDOW> Windows;
+  for (QDockWidget* pDock : findChildren<QDockWidget*>()) {
+    if (pDock->isHidden()) {
+      continue;
+    }
+    CProject::USER_WINDOW Window;
+    Window.sName = pDock->objectName();
+    switch (dockWidgetArea(pDock)) {
+      case Qt::LeftDockWidgetArea:
+        Window.sArea = "LEFT";
+        break;
+      case Qt::RightDockWidgetArea:
+        Window.sArea = "RIGHT";
+        break;
+      default:
+        Window.sArea = "BOTTOM";
+        break;
+    }
+    if (pDock->isFloating()) {
+      Window.sArea = "FLOATING";
+    }
+    const QRect Rect = pDock->geometry();
+    Window.x = Rect.x();
+    Window.y = Rect.y();
+    Window.w = Rect.width();
+    Window.h = Rect.height();
+    Windows << Window;
+  }
+  return Windows;
+}
+
 void CMainWindow::OnProjectFileClosed(const QString& sPath) {
+  // Without dock windows there is no layout to keep: the user file of an earlier session stays as it is.
+  if (sPath.isEmpty() || findChildren<QDockWidget*>().isEmpty()) {
+    return;
+  }
   QString sError;
-  if (!sPath.isEmpty() && CProject::WriteUserFile(CProject::GetUserFilePath(sPath), {}, &sError) < 0) {
+  if (CProject::WriteUserFile(CProject::GetUserFilePath(sPath), _ShownDockWindows(), &sError) < 0) {
     LogMessage("Could not write the user file: " + sError, MSG_WARNING | MSG_TO_ALL);
   }
 }
@@ -662,6 +740,11 @@ int CMainWindow::_OpenDataFile(int Id, const QString& sPath) {
       MSG_INFO | MSG_TO_STDOUT | MSG_TO_LOGFILE);
   _sProgramPath = sPath;
   CProject::Instance()->SetProgramFile(sPath);
+  // A run to the break symbol stops at its address in this program.
+  const U32 RunTo = RunToAddressOf(GetVarString(GetVar(VAR_BREAK_AT_THIS_SYMBOL)));
+  if (RunTo != kNoAddress) {
+    CDevice::Instance()->ScheduleSetConfigParam(DCP_RUN_TO_ADDR, int(RunTo));
+  }
   _UpdateTitle();
   return 0;
 }
@@ -681,17 +764,21 @@ void CMainWindow::OnActionFileOpenTriggered() {
     _sLastDialogFolder = QFileInfo(sPath).absolutePath();
   }
   if (sPath.isEmpty()) {
-    SetError(Id, "invalid filename");
+    SetError(Id, "invalid filename", ArgumentForError(sPath));
     return;
   }
   QElapsedTimer Timer;
   Timer.start();
   if (!QFileInfo(sPath).isFile()) {
-    sPath = GetFileFinder().Resolve(sPath);
+    // A name the finder can't resolve stays as typed, so that the error names it.
+    const QString sResolved = GetFileFinder().Resolve(sPath);
+    if (!sResolved.isEmpty()) {
+      sPath = sResolved;
+    }
   }
   QFileInfo Info(sPath);
   if (!Info.isFile()) {
-    SetError(Id, "file not found", sPath.contains(' ') ? "\"" + sPath + "\"" : sPath);
+    SetError(Id, "file not found", ArgumentForError(sPath));
     return;
   }
   sPath = Info.absoluteFilePath();
@@ -733,7 +820,7 @@ void CMainWindow::OnActionFileSaveProjectAsTriggered() {
   QString sPath = GetArguments(Id).value(0).trimmed();
   if (sPath.isEmpty()) {
     if (IsBatchMode()) {
-      SetError(Id, "invalid project filename", "no file name given");
+      SetError(Id, "invalid project filename", ArgumentForError(sPath));
       SetResult(Id, 2);
       return;
     }
@@ -792,7 +879,7 @@ void CMainWindow::_RunPathRow(const char* sRow, int Count,
   QStringList Args = GetArguments(Id);
   for (int i = 0; i < Count; ++i) {
     if (Args.value(i).trimmed().isEmpty()) {
-      SetError(Id, "invalid parameter", QString("argument %1 is empty").arg(i + 1));
+      SetError(Id, "invalid parameter", ArgumentForError(Args.value(i)));
       return;
     }
   }
@@ -813,16 +900,18 @@ void CMainWindow::OnActionProjectRelocateSymbolsTriggered() {
   }
   QStringList Args = GetArguments(Id);
   QString sOffset = Args.value(1).trimmed();
-  bool Ok = false;
-  qlonglong Offset = sOffset.toLongLong(&Ok, 0);
-  if (!Ok || Offset < INT32_MIN || Offset > INT32_MAX) {
-    SetError(Id, "invalid number", sOffset);
+  I64 Offset = 0;
+  if (!TextToCommandNumber(sOffset, &Offset) || Offset < INT32_MIN || Offset > INT32_MAX) {
+    SetError(Id, "invalid number", ArgumentForError(sOffset));
     return;
   }
   const char* sError = nullptr;
   std::lock_guard Lock(ELF_GetIndexMutex());
-  if (ELF_AddRelocationText(Args.value(0).trimmed().toUtf8().constData(), I32(Offset), &sError) < 0) {
-    SetError(Id, "invalid parameter", QString("%1: %2").arg(Args.value(0).trimmed(), sError));
+  const QString sSymbols = Args.value(0).trimmed();
+  if (ELF_AddRelocationText(sSymbols.toUtf8().constData(), I32(Offset), &sError) < 0) {
+    LogMessage(QString("Project.RelocateSymbols: %1").arg(sError),
+               MSG_WARNING | MSG_TO_STDOUT | MSG_TO_LOGFILE);
+    SetError(Id, "invalid parameter", ArgumentForError(sSymbols));
   }
 }
 
@@ -922,20 +1011,29 @@ void CMainWindow::OnDeviceConnectionLost() {
 }
 
 void CMainWindow::closeEvent(QCloseEvent* pEvent) {
-  _WindowClosed();
+  if (!_WindowClosed()) {
+    pEvent->ignore();  // the user kept the project
+    return;
+  }
   CWindow::closeEvent(pEvent);
   pEvent->accept();
 }
 
-void CMainWindow::_WindowClosed() {
+bool CMainWindow::_WindowClosed() {
   if (_ShutDown) {
-    return;
+    return true;
+  }
+  if (!_AskSaveModifiedProject()) {
+    return false;
   }
   _ShutDown = true;
   _Closing = true;
   if (_pConsoleTimer) {
     _pConsoleTimer->stop();
   }
+  // The script is told to close and the project closes (which writes its user file) before the device
+  // goes: an event function that still ran could otherwise wait for a device that no longer answers.
+  CProject::Instance()->Close();
   // Queued jobs are cancelled, the device thread is told to stop and waited for while events flow.
   if (CDevice::HasInstance()) {
     CDevice* pDevice = CDevice::Instance();
@@ -950,7 +1048,5 @@ void CMainWindow::_WindowClosed() {
   SaveColorsAndFonts();
   SavePreferences();
   _CloseProgramFile();
-  if (CProject::Instance()->IsOpen()) {
-    OnProjectFileClosed(CProject::Instance()->GetFilePath());
-  }
+  return true;
 }

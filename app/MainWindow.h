@@ -6,6 +6,7 @@
 #include <QPointer>
 #include <functional>
 
+#include "script/Project.h"
 #include "windows/Window.h"
 
 class QLineEdit;
@@ -31,6 +32,12 @@ class CMainWindow : public CWindow {
   int AskUser(const QString& sTitle, const QString& sText, int Buttons, int BatchAnswer);
   // Opens a project once no script function runs, after the questions about changes and the session.
   int OpenProject(const QString& sPath);
+  // Opens what the command line names: a project file as its first argument (in batch mode without the
+  // echo of File.Open), or the new project its dash words describe. False if it names neither.
+  bool OpenCommandLineProject();
+  // A new project made from commands (the dash words or the wizard): the session is stopped after the
+  // question, the project closed, and the new one generated, loaded and its OnProjectLoad run.
+  void OnProjectWizardFinished(const QStringList& Commands);
   bool IsClosing() const { return _Closing; }
   // The handlers of the settings rows.
   CSettingsCommands* GetSettingsCommands() const { return _pSettingsCommands; }
@@ -48,6 +55,10 @@ class CMainWindow : public CWindow {
   void OnDeviceDisconnectDone() override;
   void OnDeviceHaltDone(U32 NewPC, HALT_REASONS HaltReason) override;
   void OnDeviceResumeDone(RESUME_MODES Mode) override;
+
+ signals:
+  // The second half of the start has run: the project the start chose is open or asked for.
+  void StartupFinished();
 
  protected:
   bool eventFilter(QObject* pObject, QEvent* pEvent) override;
@@ -87,7 +98,9 @@ class CMainWindow : public CWindow {
   void _UpdateTitle();
   void _RunPathRow(const char* sRow, int Count, const std::function<void(const QStringList&)>& Apply);
   void _ConnectActions();
-  void _WindowClosed();
+  // The shut-down sequence; false when the user kept a modified project (nothing was done then).
+  bool _WindowClosed();
+  QList<CProject::USER_WINDOW> _ShownDockWindows() const;
   bool _OnKeyPressed(QObject* pObject, QKeyEvent* pEvent);
 
   CDeviceEventWorker* _pEventWorker = nullptr;

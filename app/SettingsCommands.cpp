@@ -14,6 +14,7 @@
 #include "app/MainWindow.h"
 #include "app/actions/ActionTable.h"
 #include "app/tables/SettingsTables.h"
+#include "debuginfo/ProgramIndex.h"
 #include "device/Device.h"
 #include "device/DeviceConfig.h"
 #include "device/DeviceDataProvider.h"
@@ -40,6 +41,9 @@ enum : int {
 // Sizes of the text fields, terminator included.
 constexpr int kConfigNameSize = 256;
 constexpr int kConfigPathSize = 2048;
+
+// The symbol of the memory channel terminal's control block in a program that uses it.
+constexpr const char* kMctControlBlock = "_QUORIN_MCT";
 
 // The trace port delays are kept in steps of this many picoseconds.
 constexpr int kTraceDelayStep = 50;
@@ -290,7 +294,7 @@ bool _PlanDebugSetSteppingMode(const QStringList& Args, COMMAND_PLAN* pPlan) {
 
 bool _PlanProjectSetDevice(const QStringList& Args, COMMAND_PLAN* pPlan) {
   if (Args[0].trimmed().isEmpty()) {
-    return pPlan->Fail("invalid parameter", "empty device name");
+    return pPlan->Fail("invalid parameter", ArgumentForError(Args[0]));
   }
   return _PlanConfigText(kConfigDeviceName, kConfigNameSize, Args[0], pPlan);
 }
@@ -563,6 +567,32 @@ int CSettingsCommands::OnSysVarChanged(int Index, I32 Value, I32 Previous) {
   int Result = 0;
   CDevice* pDevice = CDevice::Instance();
   switch (Index) {
+    case VAR_SEMIHOSTING_ENABLED:
+      pDevice->SetSemihostingEnabled(Value != 0);
+      break;
+    case VAR_MCT_ENABLED:
+      // The channel needs the control block that the target's MCT library links in.
+      if (Value != 0 && ELF_IsLoaded() && ELF_FindSym(kMctControlBlock, true, false, false) == 0) {
+        _sReactionError =
+            "Failed to activate Memory Channel Transfer. Please verify that the target application uses "
+            "Quorin's MCT library.";
+      }
+      break;
+    case VAR_BREAK_AT_THIS_SYMBOL: {
+      // Without a program the symbol is resolved when one is opened.
+      if (!ELF_IsLoaded()) {
+        break;
+      }
+      const QString sSymbol = GetVarString(GetVar(Index));
+      const U32 Addr = RunToAddressOf(sSymbol);
+      if (Addr == kNoAddress) {
+        _sReactionError = "unknown symbol";
+        _sReactionDetail = ArgumentForError(sSymbol);
+      } else {
+        Result = pDevice->ScheduleSetConfigParam(DCP_RUN_TO_ADDR, int(Addr));
+      }
+      break;
+    }
     case VAR_TIF_SPEED:
       Result = pDevice->ScheduleSetConfigParam(kConfigSpeed, Value);
       break;
@@ -592,10 +622,10 @@ int CSettingsCommands::OnSysVarChanged(int Index, I32 Value, I32 Previous) {
       break;
     }
     default:
-      // The modes, semihosting, memory channel, SWO clocks, breakpoint type and sampling speed are read
-      // where they are used; the windows that show them hear of the change below. The run-to symbol is
-      // resolved when a program is opened. The trace port width is taken as it is: libraries before
-      // 6.14b, which can't configure it, are only known on the device thread, which reports the version.
+      // The modes, SWO clocks, breakpoint type and sampling speed are read where they are used; the
+      // windows that show them hear of the change below. The trace port width is taken as it is:
+      // libraries before 6.14b, which can't configure it, are only known on the device thread, which
+      // reports the version.
       break;
   }
   _TellDebugWindows(SETTING_KIND_SYSVAR, Index, Value);
@@ -668,6 +698,11 @@ void CSettingsCommands::_Run(int Handler) {
   }
   _InCommand = false;
   QueueFull = _SendTraceTiming() < 0 || QueueFull;
+  if (!_sReactionError.isEmpty()) {
+    SetError(Id, _sReactionError, _sReactionDetail);
+    _sReactionError.clear();
+    _sReactionDetail.clear();
+  }
   CDevice* pDevice = CDevice::Instance();
   for (const CONFIG_WRITE& Write : Plan.Config) {
     const int r = Write.IsText ? pDevice->ScheduleSetConfigParam(Write.Param, Write.Text.constData())
@@ -758,6 +793,51 @@ void CSettingsCommands::OnActionTargetSetAccessWidthTriggered() {
 }
 void CSettingsCommands::OnActionTargetSetEndianessTriggered() {
   _Run(HANDLER_TARGET_SET_ENDIANESS);
+}
+
+U32 RunToAddressOf(const QString& sSymbol) {
+  std::lock_guard Lock(ELF_GetIndexMutex());
+  const ELF_SYM_HANDLE h = ELF_FindSym(sSymbol.trimmed(), true, false, false);
+  if (h == 0 || !ELF_IsFunction(h)) {
+    return kNoAddress;
+  }
+  const CAddrRange Range = ELF_GetFuncRange(h);
+  return Range.IsEmpty() ? kNoAddress : Range.start;
+}
+
+QStringList CurrentSettingsCommands() {
+  const DEV_CONFIG Config = CDevice::Instance()->GetConfig();
+  auto ChoiceName = [](const CHOICE* paChoice, int NumChoices, I32 Value) {
+    for (int i = 0; i < NumChoices; ++i) {
+      if (paChoice[i].Value == Value) {
+        return QString::fromLatin1(paChoice[i].sName);
+      }
+    }
+    return QString();
+  };
+  QStringList Commands;
+  if (!Config.sDeviceName.isEmpty()) {
+    Commands << GetCommandTextFor(_RowId(HANDLER_PROJECT_SET_DEVICE), {Config.sDeviceName});
+  }
+  const QString sHostIF = ChoiceName(s_aHostInterfaces, 2, Config.HostIF);
+  if (!sHostIF.isEmpty()) {
+    QStringList Args = {sHostIF};
+    if (Config.HostIF == kHostIFIP && !Config.sHostName.isEmpty()) {
+      Args << Config.sHostName;
+    } else if (Config.HostIF == kHostIFUSB && Config.UseSerialNo) {
+      Args << QString::number(Config.USBSerialNo);
+    }
+    Commands << GetCommandTextFor(_RowId(HANDLER_PROJECT_SET_HOST_IF), Args);
+  }
+  const QString sTargetIF = ChoiceName(s_aTargetInterfaces, 2, Config.TargetIF);
+  if (!sTargetIF.isEmpty()) {
+    Commands << GetCommandTextFor(_RowId(HANDLER_PROJECT_SET_TARGET_IF), {sTargetIF});
+  }
+  const QString sSpeed = FrequencyToText(GetVarValue(GetVar(VAR_TIF_SPEED)), false);
+  if (!sSpeed.isEmpty()) {
+    Commands << GetCommandTextFor(_RowId(HANDLER_PROJECT_SET_TIF_SPEED), {sSpeed});
+  }
+  return Commands;
 }
 
 void ConnectSettingsCommands(CWindow* pWindow, CSettingsCommands* pHandlers) {

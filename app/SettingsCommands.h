@@ -4,6 +4,7 @@
 
 #include <QObject>
 #include <QString>
+#include <QStringList>
 
 #include "app/base/Types.h"
 
@@ -66,7 +67,9 @@ class CSettingsCommands : public QObject {
   void _TellDebugWindows(int Kind, int Id, int Value);
   int _SendTraceTiming();
 
-  bool _InCommand = false;           // a row is writing its variables; reactions wait for the last
+  bool _InCommand = false;  // a row is writing its variables; reactions wait for the last
+  QString _sReactionError;  // what a reaction refused, for the row that made the change
+  QString _sReactionDetail;
   bool _TraceTimingChanged = false;  // a trace port delay changed and has not gone to the probe
 };
 
@@ -77,6 +80,16 @@ enum : int {
   SETTING_KIND_COLOR = 2,
   SETTING_KIND_FONT = 3,
 };
+
+// The address a run to sSymbol stops at: the first address of the function of that name in the open
+// program; kNoAddress without a program or such a function.
+constexpr U32 kNoAddress = 0xFFFFFFFF;
+U32 RunToAddressOf(const QString& sSymbol);
+
+// The settings the session runs with, as the canonical commands that set them: Project.SetDevice,
+// Project.SetHostIF, Project.SetTargetIF and Project.SetTIFSpeed, in this order. A new project is saved
+// with these, so that it opens again on the same target. A setting without a value gives no command.
+QStringList CurrentSettingsCommands();
 
 // Replaces the main window's "not available" placeholder of every row above by its handler, bracketed
 // so that the Console echoes the row and prints its error.

@@ -9,6 +9,7 @@
 
 #include "app/actions/ActionTable.h"
 #include "app/actions/CommandConsole.h"
+#include "app/tables/SettingsTables.h"
 #include "device/Device.h"
 #include "windows/Window.h"
 
@@ -23,15 +24,9 @@ int _Row(const char* sName) {
   return -1;
 }
 
-// Unsigned numbers in any base ("0x20000000", "1024", "0b101" is not C and is refused).
+// Unsigned numbers as every command and its echo read them.
 bool _ParseU32(const QString& sText, U32* pValue) {
-  bool Ok = false;
-  qulonglong v = sText.trimmed().toULongLong(&Ok, 0);
-  if (!Ok || v > 0xFFFFFFFFull) {
-    return false;
-  }
-  *pValue = U32(v);
-  return true;
+  return TextToCommandU32(sText, pValue);
 }
 
 QString _Hex(U32 v) {

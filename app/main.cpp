@@ -6,6 +6,7 @@
 #include <QStyleHints>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 
 #include "app/AppInfo.h"
 #include "app/BatchMode.h"
@@ -26,12 +27,21 @@ int main(int argc, char** argv) {
   const BATCH_OPTIONS Batch = ParseBatchOptions(argc, argv);
   if (Batch.Enabled && !Batch.sError.isEmpty()) {
     fprintf(stderr, "%s\n", qPrintable(Batch.sError));
-    return BATCH_EXIT_NO_FILE;
+    return BATCH_EXIT_BAD_OPTIONS;
   }
-  if (Batch.Enabled && qgetenv("QT_QPA_PLATFORM").isEmpty()) {
-    qputenv("QT_QPA_PLATFORM", "offscreen");
+  // A headless run is bounded as a whole, from before its project opens to its last line.
+  std::unique_ptr<CBatchWatchdog> pWatchdog;
+  if (Batch.Enabled) {
+    pWatchdog = std::make_unique<CBatchWatchdog>(Batch.TimeoutSeconds);
+    if (qgetenv("QT_QPA_PLATFORM").isEmpty()) {
+      qputenv("QT_QPA_PLATFORM", "offscreen");
+    }
   }
   SetBatchMode(Batch.Enabled);
+  // Qt's own notes (such as a missing runtime folder) go to the log from the start, not to stderr: a
+  // batch run's streams carry the session and its real faults only.
+  GetLogSink().SetDebugMode(DebugMode);
+  InstallQtLogHandler();
 
   QApplication App(argc, argv);
   QApplication::setOrganizationName(kOrganisationName);
@@ -71,15 +81,12 @@ int main(int argc, char** argv) {
     CMainWindow* pMainWindow = new CMainWindow(Batch.Enabled);
     InstallQtLogHandler();
     if (Batch.Enabled) {
-      // A project named first on the command line is open, and its OnProjectLoad has run, before the
-      // first batch line.
-      QStringList Args = QCoreApplication::arguments();
-      if (Args.size() > 1 && IsProjectFileName(Args[1])) {
-        pMainWindow->OpenProject(Args[1]);
-        while (CProject::Instance()->IsPending()) {
-          QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
-        }
+      // A project named first on the command line, or made from its dash words, is open, and its
+      // OnProjectLoad has run, before the first batch line.
+      if (!pMainWindow->OpenCommandLineProject()) {
+        CProject::Instance()->Close();  // a new project stands, as after the window's start
       }
+      WaitForPendingProject();
       Result = RunBatch(Batch);
       if (Result == BATCH_EXIT_OK && ScriptHasError()) {
         Result = BATCH_EXIT_SCRIPT_ERROR;
@@ -93,5 +100,6 @@ int main(int argc, char** argv) {
   SaveStore();
   ConsoleSetMirror({});
   Log.Flush();
+  pWatchdog.reset();
   return Result;
 }

@@ -243,6 +243,12 @@ ELF_SYM_HANDLE ELF_GetSymParentNamespace(ELF_SYM_HANDLE h);
 
 // Facts of the loaded program file, under the lock.
 U32 ELF_GetEntryPointPC();
+// The lowest load address of the program's data blocks (the segments that carry file data), relocated;
+// -1 without a program or without such a block.
+U32 ELF_GetBaseAddr();
+// The first address of the program's entry function (main, or the function DWARF marks as the main
+// subprogram); -1 without a program or without that function.
+U32 ELF_GetEntryFuncPC();
 bool ELF_GetBigEndian();
 ELF_SRC_LANG ELF_GetSrcLanguage();
 QString ELF_GetFileName();

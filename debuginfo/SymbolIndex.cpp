@@ -600,6 +600,27 @@ U32 ELF_GetEntryPointPC() {
   return pFile ? ELF_GetEntryPoint(pFile) : kNone;  // the ELF layer relocates it
 }
 
+U32 ELF_GetBaseAddr() {
+  std::lock_guard lock(ELF_GetIndexMutex());
+  ELF_FILE* pFile = ELF_GetIndexedFile();
+  U32 base = kNone;
+  for (U32 i = 0; pFile && i < ELF_GetProgramHeaderCount(pFile); i++) {
+    if (ELF_GetSegmentType(pFile, i) != 1 || ELF_GetSegmentFileSize(pFile, i) == 0)
+      continue;  // only loadable segments with bytes in the file are downloaded
+    base = std::min(base, ELF_ApplyRelocation(ELF_GetSegmentPhysAddr(pFile, i), false));
+  }
+  return base;
+}
+
+U32 ELF_GetEntryFuncPC() {
+  std::lock_guard lock(ELF_GetIndexMutex());
+  ELF_FILE* pFile = ELF_GetIndexedFile();
+  if (!pFile || !pFile->dwarf.mainSym)
+    return kNone;
+  CAddrRange range = ELF_GetFuncRange(pFile->dwarf.mainSym);
+  return range.IsEmpty() ? kNone : range.start;
+}
+
 bool ELF_GetBigEndian() {
   std::lock_guard lock(ELF_GetIndexMutex());
   ELF_FILE* pFile = ELF_GetIndexedFile();

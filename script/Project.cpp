@@ -215,8 +215,8 @@ void CProject::Close() {
   _sProgramFile.clear();
   _ProgramFileTime = QDateTime();
   _SvdFiles.clear();
+  _IsOpen = true;  // after closing, an unnamed new project stands; those who hear of it see it so
   SetModified(false);
-  _IsOpen = true;  // after closing, an unnamed new project stands
   emit Closed(sPath);
 }
 
@@ -254,7 +254,11 @@ QString CProject::GenerateText(const QStringList& Commands) {
 
 int CProject::Save(const QString& sPath, QString* psError) {
   if (ScriptGetText().isEmpty()) {
+    // A new project: its text is made from what the session runs with.
     QStringList Commands;
+    if (_pfSettingsCommands) {
+      Commands << _pfSettingsCommands();
+    }
     for (const QString& sSvd : _SvdFiles) {
       Commands << QString("Project.AddSvdFile (\"%1\");").arg(sSvd);
     }

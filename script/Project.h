@@ -8,6 +8,7 @@
 #include <QString>
 #include <QStringList>
 #include <QTimer>
+#include <functional>
 
 class CProject : public QObject {
   Q_OBJECT
@@ -32,6 +33,10 @@ class CProject : public QObject {
   // with *psError set.
   int Save(const QString& sPath, QString* psError);
   void SetModified(bool Modified);
+  // Gives the canonical commands of the running connection settings, which a new project is saved with.
+  void SetSettingsCommandSource(std::function<QStringList()> pfSource) {
+    _pfSettingsCommands = std::move(pfSource);
+  }
 
   QString GetFilePath() const;
   QString GetProjectDir() const;
@@ -84,4 +89,5 @@ class CProject : public QObject {
   QStringList _SvdFiles;
   QString _sProgramFile;
   QDateTime _ProgramFileTime;
+  std::function<QStringList()> _pfSettingsCommands;
 };

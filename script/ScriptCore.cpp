@@ -6,9 +6,14 @@
 
 #include "script/ScriptTokens.h"
 
+#include <sys/mman.h>
+#include <ucontext.h>
+
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <exception>
+#include <functional>
 #include <new>
 
 using namespace ScriptInternal;
@@ -66,7 +71,23 @@ const OPERATOR _aAssignOperators[] = {
     {"|=", OP_OR, 0},  {"^=", OP_XOR, 0}, {"<<=", OP_SHL, 0}, {">>=", OP_SHR, 0}, {"=", OP_ASSIGN, 0},
 };
 
-// Counts one level of reading recursion and refuses to go deeper than the stack allows.
+// The interpreter's own C++ stack, one per thread, made on the first run and kept: the reader recurses
+// for every call, block and expression, which a thread's ordinary stack can't take as deep as the arena
+// lets a script go. Runs switch to it on the same thread, so natives still run on the thread that owns
+// the application's objects.
+struct SCRIPT_STACK {
+  U8* pBase = nullptr;  // lowest address; its first page is a guard
+  bool Active = false;  // a run is on it now
+  U64 LowestFrame = 0;  // frames below this address are refused
+  ~SCRIPT_STACK() {
+    if (pBase != nullptr) {
+      munmap(pBase, SCRIPT_STACK_SIZE);
+    }
+  }
+};
+thread_local SCRIPT_STACK t_Stack;
+
+// Counts one level of reading recursion and refuses to go deeper than the nesting cap or the stack.
 class CNestingGuard {
  public:
   explicit CNestingGuard(CTrans* p) : m_p(p) { ++m_p->Nesting; }
@@ -77,12 +98,70 @@ class CNestingGuard {
     }
     // The frame address, unlike a local's, is on the real stack even where a sanitizer moves locals.
     U64 Here = reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
+    if (t_Stack.Active) {
+      return Here < t_Stack.LowestFrame;
+    }
     return m_p->StackBase > Here && m_p->StackBase - Here > SCRIPT_STACK_BUDGET;
   }
 
  private:
   CTrans* m_p;
 };
+
+int _TooDeep(CTrans* p) {
+  return _Error(p, "Maximum call depth reached.");
+}
+
+// What a run on the interpreter's stack is handed and hands back.
+struct STACK_RUN {
+  std::function<int()> pfRun;
+  int Result = -1;
+  std::exception_ptr pException;
+  ucontext_t Caller;
+  ucontext_t Callee;
+};
+
+void _StackEntry(unsigned Low, unsigned High) {
+  auto* pRun = reinterpret_cast<STACK_RUN*>((static_cast<uintptr_t>(High) << 32) | Low);
+  try {
+    pRun->Result = pRun->pfRun();
+  } catch (...) {
+    pRun->pException = std::current_exception();  // unwinding must not leave this stack
+  }
+}  // returns through uc_link to the caller's context
+
+// Runs pfRun on the interpreter's stack, or directly when a run is on it already or it can't be made.
+int _RunOnScriptStack(const std::function<int()>& pfRun) {
+  if (t_Stack.Active) {
+    return pfRun();
+  }
+  if (t_Stack.pBase == nullptr) {
+    void* p = mmap(nullptr, SCRIPT_STACK_SIZE, PROT_READ | PROT_WRITE,
+                   MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_STACK, -1, 0);
+    if (p == MAP_FAILED) {
+      return pfRun();
+    }
+    mprotect(p, 4096, PROT_NONE);
+    t_Stack.pBase = static_cast<U8*>(p);
+  }
+  STACK_RUN Run;
+  Run.pfRun = pfRun;
+  getcontext(&Run.Callee);
+  Run.Callee.uc_stack.ss_sp = t_Stack.pBase;
+  Run.Callee.uc_stack.ss_size = SCRIPT_STACK_SIZE;
+  Run.Callee.uc_link = &Run.Caller;
+  const auto Address = reinterpret_cast<uintptr_t>(&Run);
+  makecontext(&Run.Callee, reinterpret_cast<void (*)()>(&_StackEntry), 2, unsigned(Address & 0xFFFFFFFFu),
+              unsigned(Address >> 32));
+  t_Stack.Active = true;
+  t_Stack.LowestFrame = reinterpret_cast<uintptr_t>(t_Stack.pBase) + 4096 + SCRIPT_STACK_RESERVE;
+  swapcontext(&Run.Caller, &Run.Callee);
+  t_Stack.Active = false;
+  if (Run.pException) {
+    std::rethrow_exception(Run.pException);
+  }
+  return Run.Result;
+}
 
 /*********************************************************************
  *
@@ -370,10 +449,13 @@ int _Invoke(CTrans* p, SCRIPT_FUNCTION* pFunction, const I64* paArg, I64* pValue
   if (!pFunction->pBody) {
     return _Error(p, "Syntax error.");
   }
-  if (p->CallDepth >= SCRIPT_MAX_CALL_DEPTH) {
+  SCRIPT_FRAME Frame = _SaveFrame(p);
+  // The call's return record is kept in the arena: that is what bounds a recursion.
+  void* pRecord = _AllocHigh(p, sizeof(SCRIPT_FRAME));
+  if (!pRecord) {
     return _OutOfMemory(p);
   }
-  SCRIPT_FRAME Frame = _SaveFrame(p);
+  new (pRecord) SCRIPT_FRAME(Frame);
   p->pLocals = nullptr;
   p->pLocalsEnd = nullptr;
   int r = 0;
@@ -531,7 +613,7 @@ const OPERATOR* _TryBinaryOperator(CTrans* p) {
 int EvalExpression(CTrans* p, bool Execute, SCRIPT_SYMBOL** ppSym, I64* pValue, int MinPrecedence) {
   CNestingGuard Guard(p);
   if (Guard.TooDeep()) {
-    return _OutOfMemory(p);
+    return _TooDeep(p);
   }
   *ppSym = nullptr;
   I64 Value = 0;
@@ -806,7 +888,7 @@ int ExecStatement(CTrans* p, SCRIPT_FUNCTION* pFunction, I64* pResult, bool Exec
   }
   CNestingGuard Guard(p);
   if (Guard.TooDeep()) {
-    return _OutOfMemory(p);
+    return _TooDeep(p);
   }
   if (p->StepsLeft != 0 && --p->StepsLeft == 0) {
     return _Error(p, "Step limit reached.");
@@ -1034,7 +1116,7 @@ int ScriptRun(CTrans* p, const char* sName, I64* pResult) {
   }
   I64 aArg[SCRIPT_MAX_ARGS] = {};
   I64 Value = -1;
-  int r = _Invoke(p, static_cast<SCRIPT_FUNCTION*>(pSym), aArg, &Value);
+  int r = _RunOnScriptStack([&] { return _Invoke(p, static_cast<SCRIPT_FUNCTION*>(pSym), aArg, &Value); });
   if (Outermost) {
     p->StackBase = 0;
   }

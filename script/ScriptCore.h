@@ -14,12 +14,16 @@ constexpr U32 SCRIPT_HEAP_SIZE = 1000000;
 constexpr int SCRIPT_MAX_ARGS = 15;
 // A native function declared with more parameters than this is not called and yields 0.
 constexpr int SCRIPT_MAX_NATIVE_ARGS = 8;
-// Script-to-script calls (recursion included) nest at most this deep; deeper reports "Out of memory.".
-constexpr int SCRIPT_MAX_CALL_DEPTH = 1000;
-// Calls, blocks, statements and expressions together nest at most this deep, and a run uses at most
-// this much of the C++ stack; deeper reports "Out of memory." as well. A thousand plain recursive
-// calls need about a third of each.
-constexpr int SCRIPT_MAX_NESTING = 10000;
+// Script-to-script calls (recursion included) nest as deep as the arena allows: each running call
+// keeps its return record there, so running out of arena ends a recursion with "Out of memory.".
+// Calls, blocks, statements and expressions together nest at most this deep; deeper reports
+// "Maximum call depth reached.". The arena ends a plain recursion long before this.
+constexpr int SCRIPT_MAX_NESTING = 100000;
+// A run takes place on a C++ stack of this size that the interpreter sets up for its thread, so the
+// nesting above fits; what a run leaves below its lowest frame is kept for the natives it calls. Where
+// no such stack can be had, the run uses the caller's stack and stops at the fallback budget.
+constexpr U64 SCRIPT_STACK_SIZE = 512ull * 1024 * 1024;
+constexpr U64 SCRIPT_STACK_RESERVE = 2ull * 1024 * 1024;
 constexpr U64 SCRIPT_STACK_BUDGET = 4 * 1024 * 1024;
 
 // The node kinds; the numbers are part of the language's description and stay fixed.

@@ -211,8 +211,10 @@ QString _ErrorForDisplay(const SCRIPT_STATE& S) {
     return QString();
   }
   QString sText = S.ErrorText.simplified().remove('.');
-  if (S.ErrorLine >= 0) {
-    sText += QString(" at line %1").arg(S.ErrorLine);
+  // Some messages name their line themselves ("missing "while" at line 3"); it is said once.
+  const QString sAtLine = QString(" at line %1").arg(S.ErrorLine);
+  if (S.ErrorLine >= 0 && !sText.endsWith(sAtLine)) {
+    sText += sAtLine;
   }
   return sText;
 }
@@ -274,6 +276,9 @@ int ScriptLoadText(const QString& sText) {
 
 int ScriptReloadIfChanged() {
   const QString sPath = _Project.FilePath;
+  if (sPath.isEmpty()) {
+    return 0;  // a new project has no file that could have changed
+  }
   QFileInfo Info(sPath);
   if (!sPath.isEmpty() && Info.exists() && Info.isFile()) {
     QFile File(sPath);
@@ -354,9 +359,15 @@ int ScriptExec(int Id) {
   const int Previous = S.CurrentFunction;
   S.CurrentFunction = Id;
   int r = -1;
+  // A division by zero is reported as the processor's fault would be: the function, not the line.
+  bool Fault = false;
   try {
     r = ScriptRun(S.pContext, Name.constData());
+    Fault = S.pContext != nullptr && S.pContext->ArithmeticFault;
   } catch (...) {
+    Fault = true;
+  }
+  if (Fault) {
     _SetError(S, QString("Error in script function ") + pEvent->sPrototype, QString(), -1);
     r = -1;
   }
@@ -467,9 +478,14 @@ int ZvScriptRunFile(const QString& sPath, const QString& sFunction) {
   const QByteArray Name = sName.toUtf8();
   ++S.CallLevel;
   int r = -1;
+  bool Fault = false;
   try {
     r = ScriptRun(S.pContext, Name.constData());
+    Fault = S.pContext->ArithmeticFault != 0;
   } catch (...) {
+    Fault = true;
+  }
+  if (Fault) {
     _SetError(S, "Error in script function " + sName, QString(), -1);
   }
   --S.CallLevel;

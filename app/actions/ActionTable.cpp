@@ -8,6 +8,7 @@
 #include <QMetaObject>
 #include <QSet>
 #include <QWidget>
+#include <algorithm>
 
 #include "app/base/ConsoleCore.h"
 #include "app/base/Log.h"
@@ -83,6 +84,7 @@ QStringList _VariantsToList(std::initializer_list<const QVariant*> Values, bool 
 }
 
 // Splits at Separator, but not inside double quotes.
+// Splits at Separator outside double quotes; a blank separator also splits at tabs.
 QStringList _SplitOutsideQuotes(const QString& sText, QChar Separator, bool SkipEmpty) {
   QStringList Parts;
   QString sCurrent;
@@ -91,7 +93,8 @@ QStringList _SplitOutsideQuotes(const QString& sText, QChar Separator, bool Skip
     if (c == '"') {
       InQuotes = !InQuotes;
     }
-    if (c == Separator && !InQuotes) {
+    const bool IsSeparator = c == Separator || (Separator == ' ' && c == '\t');
+    if (IsSeparator && !InQuotes) {
       if (!(SkipEmpty && sCurrent.trimmed().isEmpty())) {
         Parts << sCurrent;
       }
@@ -385,6 +388,13 @@ QString GetFirstArgument(int Id) {
   return Args[0];
 }
 
+QString ArgumentForError(const QString& sArg) {
+  if (sArg.isEmpty() || sArg.contains(' ') || sArg.contains('\t')) {
+    return "\"" + sArg + "\"";
+  }
+  return sArg;
+}
+
 void SetError(int Id, const QString& sError, const QString& sDetail) {
   QAction* pAction = GetAction(Id);
   if (pAction == nullptr) {
@@ -491,14 +501,14 @@ QString GetCommandTextFor(int Id, const QStringList& Args) {
       Texts << QString::fromLatin1(pConstant->sName);
       continue;
     }
-    bool IsNumber = false;
-    sTrimmed.toULongLong(&IsNumber, 0);
-    if (IsNumber) {
+    // Read as the handlers read numbers: the echo shows the value the handler takes, or the text as
+    // typed when the handler will refuse it.
+    I64 Value = 0;
+    if (TextToInt64(sTrimmed, nullptr) || !TextToCommandNumber(sTrimmed, &Value)) {
       Texts << s;
-      continue;
+    } else {
+      Texts << QString::number(Value);
     }
-    I32 Hz = TextToFrequency(sTrimmed);
-    Texts << (Hz >= 0 ? QString::number(Hz) : s);
   }
   // More arguments than parameters can only end in "wrong parameter count"; they are still shown, so
   // the error line names what was typed.
@@ -540,7 +550,9 @@ CONSOLE_LINE ParseConsoleLine(const QString& sLineIn) {
       Line.Args = _SplitOutsideQuotes(sArgs, ',', false);
     }
   } else {
-    int Blank = sLine.indexOf(' ');
+    const int Space = sLine.indexOf(' ');
+    const int Tab = sLine.indexOf('\t');
+    const int Blank = Space < 0 ? Tab : (Tab < 0 ? Space : std::min(Space, Tab));
     Line.sName = Blank >= 0 ? sLine.left(Blank) : sLine;
     if (Blank >= 0) {
       Line.Args = _SplitOutsideQuotes(sLine.mid(Blank + 1), ' ', true);

@@ -64,6 +64,8 @@ QStringList GetArguments(int Id);
 bool CheckParamCount(int Id, int MinCount);
 QString GetFirstArgument(int Id);
 void SetError(int Id, const QString& sError, const QString& sDetail = QString());
+// An argument as an error's detail names it: as typed, in double quotes when it is empty or holds blanks.
+QString ArgumentForError(const QString& sArg);
 QString GetError(int Id);
 void SetResult(int Id, int Value);
 int GetResult(int Id);

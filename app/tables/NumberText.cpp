@@ -1,4 +1,5 @@
 // Number and frequency texts shared by the variable table, the constants and the command layer.
+#include <QRegularExpression>
 #include <QtGlobal>
 #include <cmath>
 #include <limits>
@@ -129,12 +130,47 @@ I32 TextToFrequency(const QString& sText) {
     const I64 Hz = I64(Whole) * Multiplier;
     return Hz <= kMax ? I32(Hz) : -1;
   }
+  // A fraction needs its unit ("1.5 MHz"); a bare "1.5" or an exponent form is no frequency.
+  if (!sLower.contains(QLatin1String("hz"))) {
+    return -1;
+  }
   s.replace(',', '.');
-  bool Ok = false;
-  const double Number = s.toDouble(&Ok);
+  static const QRegularExpression Decimal(QStringLiteral("^[0-9]+(\\.[0-9]+)?$"));
+  bool Ok = Decimal.match(s).hasMatch();
+  const double Number = Ok ? s.toDouble(&Ok) : 0.0;
   if (!Ok || !std::isfinite(Number) || Number < 0) {
     return -1;
   }
   const double Hz = std::trunc(Number * double(Multiplier));
   return Hz <= double(kMax) ? I32(Hz) : -1;
+}
+
+bool TextToCommandNumber(const QString& sText, I64* pValue) {
+  if (TextToInt64(sText, pValue)) {
+    return true;
+  }
+  if (!sText.contains(QLatin1String("hz"), Qt::CaseInsensitive)) {
+    return false;
+  }
+  const I32 Hz = TextToFrequency(sText);
+  if (Hz < 0) {
+    return false;
+  }
+  if (pValue) {
+    *pValue = Hz;
+  }
+  return true;
+}
+
+bool TextToCommandU32(const QString& sText, U32* pValue) {
+  const QString s = sText.trimmed();
+  I64 Value = 0;
+  if (s.startsWith('-') || s.startsWith('+') || !TextToCommandNumber(s, &Value) || Value < 0 ||
+      Value > I64(0xFFFFFFFFu)) {
+    return false;
+  }
+  if (pValue) {
+    *pValue = U32(Value);
+  }
+  return true;
 }

@@ -159,9 +159,17 @@ bool TextToU32(const QString& sText, U32* pValue);
 // "auto" for 0, "adaptive" for 65535, empty for a negative value; with units "<n> kHz" or "<n> MHz" for
 // exact multiples (kHz below 1,000,000), else "<n> Hz"; without units the decimal number.
 QString FrequencyToText(I32 Hz, bool WithUnits = true);
-// "auto", "adaptive", or a number (base-0, or with a decimal point or comma) with an optional unit
-// Hz, kHz, MHz. Returns the frequency in Hz, or -1 for text that isn't a frequency or exceeds 32 bits.
+// "auto", "adaptive", a whole number (base-0) with an optional unit Hz, kHz, MHz, or a decimal fraction
+// (point or comma, no exponent) with one of the units. Returns the frequency in Hz, or -1 for text that
+// isn't a frequency or exceeds 32 bits.
 I32 TextToFrequency(const QString& sText);
+
+// The one reader of a number argument of a command, shared by the Console's echo and the handlers, so
+// the echo never shows a value the handler reads differently: a whole number in base-0 form, or a
+// frequency with its unit ("4 MHz" is 4000000). "0b101", "1e3" and "1.5" are no numbers.
+bool TextToCommandNumber(const QString& sText, I64* pValue);
+// The same, limited to 0..0xFFFFFFFF and without a sign.
+bool TextToCommandU32(const QString& sText, U32* pValue);
 
 constexpr I32 kFrequencyAuto = 0;
 constexpr I32 kFrequencyAdaptive = 65535;

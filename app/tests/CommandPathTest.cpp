@@ -6,7 +6,9 @@
 #include <QAction>
 #include <QApplication>
 #include <QElapsedTimer>
+#include <QFile>
 #include <QKeyEvent>
+#include <QTemporaryDir>
 #include <QThread>
 
 #include "app/BatchMode.h"
@@ -15,9 +17,12 @@
 #include "app/actions/CommandWait.h"
 #include "app/base/ConsoleCore.h"
 #include "app/base/tests/QtPrinters.h"
+#include "app/tables/SettingsStore.h"
+#include "app/tables/SettingsTables.h"
 #include "device/Device.h"
 #include "device/DeviceEventListener.h"
 #include "device/tests/FakeProbe.h"
+#include "script/Project.h"
 
 namespace {
 
@@ -109,6 +114,15 @@ TEST_F(CommandPath, RowsFollowTheSessionStateInMenusAndCommands) {
   QAction* pStop = GetAction(RowOf("Debug.Stop"));
   EXPECT_FALSE(pHalt->isEnabled());
   EXPECT_FALSE(pStop->isEnabled());
+  EXPECT_FALSE(GetAction(RowOf("Debug.Continue"))->isVisible());  // nothing to continue without a target
+  // Saving follows the project: a modified project may be saved, an unchanged one not.
+  const int SaveAll = RowOf("File.SaveAll");
+  EXPECT_FALSE(IsCommandPermitted(SaveAll));
+  ASSERT_EQ(CProject::Instance()->NewFromCommands({"Project.SetTargetIF (\"SWD\");"}), 0);
+  EXPECT_TRUE(IsCommandPermitted(SaveAll));
+  EXPECT_TRUE(GetAction(SaveAll)->isEnabled());
+  CProject::Instance()->Close();
+  EXPECT_FALSE(IsCommandPermitted(SaveAll));
   CDevice* pDevice = CDevice::Instance();
   ASSERT_EQ(pDevice->ScheduleConnect(CM_ATTACH_HALT), 0);  // a bare connect is not reported to windows
   pDevice->WaitForJobThenPump(JT_CONNECT, true);
@@ -122,6 +136,7 @@ TEST_F(CommandPath, RowsFollowTheSessionStateInMenusAndCommands) {
   EXPECT_TRUE(pStop->isEnabled());
   EXPECT_FALSE(pHalt->isEnabled());  // the scripted target starts halted
   EXPECT_TRUE(GetAction(RowOf("Debug.Continue"))->isEnabled());
+  EXPECT_TRUE(GetAction(RowOf("Debug.Continue"))->isVisible());
   Output.clear();
   EXPECT_EQ(RunBatchLines({"View.PC"}, 30), BATCH_EXIT_COMMAND_FAILED);  // permitted now, not yet handled
   EXPECT_EQ(Output, QStringList({"View.PC();", "View.PC(): not available"}));
@@ -143,4 +158,38 @@ TEST_F(CommandPath, SecondHotkeyRunsItsRow) {
   QKeyEvent Key(QEvent::KeyPress, Qt::Key_F6, Qt::NoModifier);
   QApplication::sendEvent(pWindow, &Key);
   EXPECT_TRUE(Ran);
+}
+
+TEST(StartUp, TheMostRecentProjectOpensOnlyWhenThePreferenceSaysSo) {
+  QTemporaryDir Dir;
+  const QString sProject = Dir.filePath("recent.zvproj");
+  QFile File(sProject);
+  ASSERT_TRUE(File.open(QIODevice::WriteOnly));
+  File.write("void OnProjectLoad (void) {\n}\n");
+  File.close();
+  for (int Pref : {0, 1}) {
+    ResetFake();
+    SetTarvikApi(&FakeProbeApi());
+    CProject::Instance()->Close();
+    CMainWindow* pWindow = new CMainWindow(false);
+    // After the window has loaded the stored settings, before its first paint starts the project.
+    CProject::AddRecentProject(sProject);
+    SetVar(GetVar(PREF_START_WITH_MOST_RECENT_PROJ), Pref, false);
+    bool Started = false;
+    QObject::connect(pWindow, &CMainWindow::StartupFinished, [&Started] { Started = true; });
+    pWindow->show();
+    QElapsedTimer Waited;
+    Waited.start();
+    while (!Started && Waited.elapsed() < 10000) {
+      QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+    }
+    ASSERT_TRUE(Started);
+    WaitForPendingProject();
+    EXPECT_EQ(CProject::Instance()->GetFilePath() == sProject, Pref == 1) << "preference " << Pref;
+    Fake().Release();
+    delete pWindow;
+    delete CDevice::Instance();
+    SetTarvikApi(nullptr);
+  }
+  StoreClear();
 }

@@ -82,9 +82,12 @@ TEST(ProjectText, GeneratedProjectHasEveryEventSectionWithSettingsAndUserCommand
   ScriptClose();
 }
 
-TEST(ProjectFiles, SaveThenReopenKeepsTheTextAndWritesAUserFileOnClose) {
+TEST(ProjectFiles, SaveThenReopenKeepsTheTextAndClosingNamesTheProject) {
   QTemporaryDir Dir;
   CProject* pProject = CProject::Instance();
+  QStringList Closed;
+  QMetaObject::Connection c =
+      QObject::connect(pProject, &CProject::Closed, [&Closed](const QString& s) { Closed << s; });
   ASSERT_EQ(pProject->NewFromCommands({"Project.SetDevice (\"Simulator Cortex-M3\");"}), 0);
   EXPECT_TRUE(pProject->IsModified());
   EXPECT_TRUE(pProject->GetFilePath().isEmpty());
@@ -101,9 +104,36 @@ TEST(ProjectFiles, SaveThenReopenKeepsTheTextAndWritesAUserFileOnClose) {
   EXPECT_EQ(CProject::GetUserFilePath("/no/suffix"), "");
   EXPECT_EQ(pProject->Save(Dir.filePath("missing-dir/x.zvproj"), &sError), -1);
   EXPECT_TRUE(sError.contains("missing-dir/x.zvproj")) << sError.toStdString();
+  Closed.clear();
   pProject->Close();
+  EXPECT_EQ(Closed, QStringList({sPath}));  // whoever keeps the user file hears which project closed
+  EXPECT_FALSE(QFile::exists(CProject::GetUserFilePath(sPath)));  // the project itself writes none
   EXPECT_TRUE(pProject->IsOpen());  // a new, unnamed project stands after closing
   EXPECT_TRUE(pProject->GetFilePath().isEmpty());
+  QObject::disconnect(c);
+}
+
+TEST(ProjectFiles, ANewProjectIsSavedWithTheSettingsTheSessionRunsWith) {
+  QTemporaryDir Dir;
+  CProject* pProject = CProject::Instance();
+  pProject->Close();
+  pProject->SetSettingsCommandSource([] {
+    return QStringList({"Project.SetDevice (\"Simulator Cortex-M0\");", "Project.SetTargetIF (\"SWD\");"});
+  });
+  const QString sPath = Dir.filePath("new.zvproj");
+  QString sError;
+  ASSERT_EQ(pProject->Save(sPath, &sError), 0) << sError.toStdString();
+  pProject->SetSettingsCommandSource({});
+  const QString sText = ReadText(sPath);
+  const qsizetype Body = sText.indexOf("void OnProjectLoad (void) {");
+  ASSERT_GE(Body, 0);
+  const qsizetype Device = sText.indexOf("  Project.SetDevice (\"Simulator Cortex-M0\");");
+  const qsizetype TargetIF = sText.indexOf("  Project.SetTargetIF (\"SWD\");");
+  const qsizetype User = sText.indexOf("  // User settings");
+  EXPECT_LT(Body, Device);  // inside OnProjectLoad, with the dialog's settings
+  EXPECT_LT(Device, TargetIF);
+  EXPECT_LT(TargetIF, User);
+  pProject->Close();
 }
 
 TEST(ProjectFiles, AProjectWithASyntaxErrorOpensWithItsErrorAndStaysUntouched) {
@@ -208,7 +238,7 @@ TEST(ProjectFiles, RecentListHoldsFourMostRecentFirst) {
   StoreClear();
 }
 
-TEST(ProjectFiles, DeferredOpenWaitsUntilNoScriptFunctionRuns) {
+TEST(ProjectFiles, ADeferredOpenTakesPlaceOnceEventsAreProcessed) {
   QTemporaryDir Dir;
   const QString sPath = Dir.filePath("later.zvproj");
   WriteText(sPath, "void OnProjectLoad (void) {\n}\n");

@@ -199,6 +199,27 @@ TEST_F(ZvScriptApp, ARunTimeErrorIsPrintedOnceAndStopsLaterEvents) {
   ASSERT_EQ(ScriptLoadText("void AfterTargetHalt (void) { Util.Log(\"halt\"); }\n"), 0);
   EXPECT_EQ(RunEvent(SF_AFTER_TARGET_HALT), 0);
   EXPECT_EQ(Printed(), QStringList({"halt"}));
+  // A division by zero names the event function by its prototype, not a line.
+  ASSERT_EQ(ScriptLoadText("void AfterTargetHalt (void) {\n  int x;\n  x = 0;\n  x = 5 / x;\n}\n"), 0);
+  Output.clear();
+  EXPECT_EQ(RunEvent(SF_AFTER_TARGET_HALT), -1);
+  EXPECT_EQ(Output,
+            QStringList({"Error in project file: Error in script function void AfterTargetHalt (void);"}));
+  EXPECT_EQ(ScriptGetErrorLine(), -1);
+}
+
+TEST_F(ZvScriptApp, ANewProjectHasNoFileToReload) {
+  ASSERT_EQ(ScriptLoadText("void OnProjectLoad (void) { }\n"), 0);
+  EXPECT_EQ(ScriptReloadIfChanged(), 0);
+  EXPECT_FALSE(ScriptHasError()) << ScriptGetError().toStdString();
+  EXPECT_TRUE(HasEvent(SF_PROJECT_LOAD));
+  // A saved project that changes on disk is loaded anew.
+  const QString sPath = WriteFile("saved.zvproj", "void OnProjectLoad (void) { }\n");
+  ASSERT_EQ(ScriptLoadFile(sPath), 0);
+  EXPECT_EQ(ScriptReloadIfChanged(), 0);
+  WriteFile("saved.zvproj", "void OnProjectLoad (void) { }\nvoid AfterTargetHalt (void) { }\n");
+  EXPECT_EQ(ScriptReloadIfChanged(), 1);
+  EXPECT_TRUE(HasEvent(SF_AFTER_TARGET_HALT));
 }
 
 TEST_F(ZvScriptApp, AnEventRaisedInsideAScriptCallNestsAndTheNestingIsBounded) {
@@ -343,7 +364,9 @@ TEST_F(ZvScriptApp, AScriptFileThatFailsNamesTheFileTheErrorAndTheLine) {
       {"int main(void) {\n  int a[2];\n\n  a[2] = 1;\n  return 0;\n}\n",
        "Array index out of range at line 4"},
       {"int main(void) {\n  Util.Log(\"open);\n  return 0;\n}\n", "Illegal character in string at line 2"},
-      {"int main(void) {\n  return 1 / 0;\n}\n", "Division by zero at line 2"},
+      // A division by zero is the function's fault, as the processor would report it, without a line.
+      {"int main(void) {\n  return 1 / 0;\n}\n", "Error in script function main"},
+      {"int main(void) {\n  do { } (1);\n}\n", "Syntax error missing \"while\" at line 2"},
       {"int main(void) {\n  for (;;) { }\n}\n", "Keyword \"for\" is not yet supported at line 2"},
       {"int main(void) {\n  break;\n}\n", "Syntax error at line 2"},
       {"int other(void) { return 0; }\n", "function \"main\" not found"},

@@ -110,6 +110,10 @@ TEST(FrequencyText, TextToNumbers) {
       {"", -1},
       {"fast", -1},
       {"3 GHz", -1},
+      {"1e3", -1},  // no exponents
+      {"1e3 kHz", -1},
+      {"1.5", -1},  // a fraction needs its unit
+      {"2.5 kHz", 2500},
   };
   for (const auto& c : aCases) {
     EXPECT_EQ(TextToFrequency(QString::fromLatin1(c.sText)), c.Hz) << c.sText;
@@ -120,4 +124,28 @@ TEST(FrequencyText, EveryUnitTextReadsBackToItsNumber) {
   for (I32 Hz : {1, 50, 1000, 20000, 500000, 1000000, 50000000, 65535, 0, 123456789}) {
     EXPECT_EQ(TextToFrequency(FrequencyToText(Hz)), Hz) << Hz;
   }
+}
+
+TEST(CommandNumber, WholeNumbersAndFrequenciesWithUnitsAreNumbersNothingElse) {
+  const struct {
+    const char* sText;
+    bool IsNumber;
+    I64 Value;
+  } aCases[] = {
+      {"1000", true, 1000},     {"0x3E8", true, 1000},   {"01750", true, 1000}, {"-4", true, -4},
+      {"4 MHz", true, 4000000}, {"1.5 kHz", true, 1500}, {"1e3", false, 0},     {"0b101", false, 0},
+      {"1.5", false, 0},        {"auto", false, 0},      {"", false, 0},        {"12abc", false, 0},
+  };
+  for (const auto& c : aCases) {
+    I64 Value = 0;
+    EXPECT_EQ(TextToCommandNumber(QString::fromLatin1(c.sText), &Value), c.IsNumber) << c.sText;
+    if (c.IsNumber) {
+      EXPECT_EQ(Value, c.Value) << c.sText;
+    }
+  }
+  U32 u = 0;
+  EXPECT_FALSE(TextToCommandU32("-4", &u));
+  EXPECT_FALSE(TextToCommandU32("0x100000000", &u));
+  EXPECT_TRUE(TextToCommandU32("0xFFFFFFFF", &u));
+  EXPECT_EQ(u, 0xFFFFFFFFu);
 }
