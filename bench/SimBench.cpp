@@ -74,7 +74,8 @@ TIMES _RunSimulator(const std::vector<U8>& aImage, bool Trace, U32* pInstruction
   double Cpu = _ProcessCpu(), Wall = _Wall();
   TARVIKARM_GoEx(0, 1);
   while (TARVIKARM_IsHalted() == 0) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));  // a poll, as the debugger polls
+    std::this_thread::sleep_for(
+        std::chrono::milliseconds(20));  // polls as the device thread does, if more often
     if (_Wall() - Wall > 120) {
       fprintf(stderr, "no exit within 120 s\n");
       t.Cpu = -1;
