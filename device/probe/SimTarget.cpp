@@ -1370,14 +1370,13 @@ int CSimTarget::GetInstStats(U64* paOut, U32 Addr, U32 NumItems) {
   return 0;
 }
 
-void CSimTarget::_RecordInstruction(U32 Addr, bool Skipped) {
+void CSimTarget::_RecordInstruction(U32 Addr, bool Skipped, I64 Slot) {
   _aTrace[_TraceHead++ & (kTraceCapacity - 1)] = Addr;
   if (_TraceCount < kTraceCapacity) {
     _TraceCount++;
   }
   _TotalFetch++;
   _TotalSkip += Skipped ? 1 : 0;
-  I64 Slot = _CounterSlot(Addr);
   if (Slot >= 0) {
     _aFetch[size_t(Slot)]++;
     _aSkip[size_t(Slot)] += Skipped ? 1 : 0;
@@ -1394,7 +1393,8 @@ void CSimTarget::_FlushITPending(U32 PC) {
   // passed over with their condition failing.
   while (_ITPendingHead < _aITPending.size() && _aITPending[_ITPendingHead] < PC &&
          PC - _aITPending[_ITPendingHead] < 16) {
-    _RecordInstruction(_aITPending[_ITPendingHead++], true);
+    U32 Addr = _aITPending[_ITPendingHead++];
+    _RecordInstruction(Addr, true, _CounterSlot(Addr));
   }
 }
 
@@ -1402,16 +1402,18 @@ void CSimTarget::_CountInstruction(U32 Addr) {
   // The emulator calls no hook for an instruction of an IT block whose condition fails: the block's
   // instructions are known from its IT instruction, and those passed over count as skipped.
   bool InITBlock = false;
-  while (_ITPendingHead < _aITPending.size()) {
-    U32 Next = _aITPending[_ITPendingHead++];
-    if (Next == Addr) {
-      InITBlock = true;
-      break;
+  if (!_aITPending.empty()) {
+    while (_ITPendingHead < _aITPending.size()) {
+      U32 Next = _aITPending[_ITPendingHead++];
+      if (Next == Addr) {
+        InITBlock = true;
+        break;
+      }
+      _RecordInstruction(Next, true, _CounterSlot(Next));
     }
-    _RecordInstruction(Next, true);
-  }
-  if (_ITPendingHead >= _aITPending.size()) {
-    _ClearITPending();
+    if (_ITPendingHead >= _aITPending.size()) {
+      _ClearITPending();
+    }
   }
   I64 Slot = _CounterSlot(Addr);
   U8 Kind = KIND_PLAIN;
@@ -1435,7 +1437,7 @@ void CSimTarget::_CountInstruction(U32 Addr) {
   }
   bool Skipped = !InITBlock && (Kind & 0xF) == KIND_COND_BRANCH &&
                  !SIM_ConditionPassed(U32(Kind >> 4), _Reg(UC_ARM_REG_APSR));
-  _RecordInstruction(Addr, Skipped);
+  _RecordInstruction(Addr, Skipped, Slot);
   if ((Kind & 0xF) == KIND_IT) {
     U16 aBlock[9] = {};
     uc_mem_read(_pUc, Addr, aBlock, sizeof(aBlock));

@@ -144,7 +144,7 @@ class CSimTarget : public CProbeBackend, private ISimSystemHost {
   void _SetReg(int UcReg, U32 Value);
   bool _IsBreakpoint(U32 Addr) const;
   void _CountInstruction(U32 Addr);
-  void _RecordInstruction(U32 Addr, bool Skipped);
+  void _RecordInstruction(U32 Addr, bool Skipped, I64 CounterSlot);
   void _ClearITPending();
   void _FlushITPending(U32 PC);
   void _UpdateCodeHook();
