@@ -94,8 +94,7 @@ struct SIM_HOOKS {
       }
     }
     S._Cycles += E.NumInsts;
-    S._LastBlockAddr = a;
-    S._LastBlockSize = Size;
+    S._pLastBlock = &E;
   }
 
   // Only while trace or data breakpoints are on: the trace record of each instruction, and the stop
@@ -364,7 +363,7 @@ bool CSimTarget::_OnBlockSlow(const BLOCK_ENTRY& Block) {
     }
   }
   if (!Run) {
-    _LastBlockSize = 0;  // the block before this one ran to its end
+    _pLastBlock = nullptr;  // the block before this one ran to its end
     return false;
   }
   _UpdateNextCheck();
@@ -425,10 +424,12 @@ void CSimTarget::_FillBlock(BLOCK_ENTRY& Block, U32 Addr, U32 Size) {
 }
 
 void CSimTarget::_UncountRestOfBlock(U32 PC) {
-  if (_LastBlockSize != 0 && PC >= _LastBlockAddr && PC < _LastBlockAddr + _LastBlockSize) {
-    _Cycles -= _CountInstructions(PC, _LastBlockAddr + _LastBlockSize);
+  // The entry is still the last block's: only the block hook refills entries.
+  const BLOCK_ENTRY* pLast = _pLastBlock;
+  if (pLast && PC >= pLast->Addr && PC < pLast->Addr + pLast->Size) {
+    _Cycles -= _CountInstructions(PC, pLast->Addr + pLast->Size);
   }
-  _LastBlockSize = 0;
+  _pLastBlock = nullptr;
 }
 
 void CSimTarget::_ApplyExits(U32 Without, U32 With) {
@@ -476,7 +477,7 @@ bool CSimTarget::_IsExit(U32 Addr) const {
 int CSimTarget::_Emulate(U32 PC) {
   _StopReason = STOP_NONE;
   _StopAtCode = false;
-  _LastBlockSize = 0;
+  _pLastBlock = nullptr;
   _BlocksRun = 0;
   _UpdateNextCheck();
   _InEmulation = true;

@@ -189,9 +189,9 @@ class CSimTarget : public CProbeBackend, private ISimSystemHost {
   bool _InBlockHook = false;
   bool _StopAtCode = false;  // the next code hook stops the emulator
   bool _OneBlock = false;
-  int _BlocksRun = 0;                          // blocks begun in a one-block run
-  U32 _LastBlockAddr = 0, _LastBlockSize = 0;  // the block counted last, for a stop inside it
-  U32 _PassPC = kNoAddr;                       // a breakpoint that the next run steps over
+  int _BlocksRun = 0;                        // blocks begun in a one-block run
+  const BLOCK_ENTRY* _pLastBlock = nullptr;  // the block counted last, for a stop inside it
+  U32 _PassPC = kNoAddr;                     // a breakpoint that the next run steps over
   U32 _StepThroughLo = 0, _StepThroughHi = 0;
   bool _CheckPending = false;
   bool _WatchHit = false;
