@@ -337,6 +337,46 @@ void PROBE_ResetLayer() {
 
 // ---- Session and configuration ----
 
+namespace {
+
+// "device=" may come before or after Open: the session opens the layer first and chooses the device
+// while configuring. An open layer that is not yet connected is turned to the new device's back-end
+// at once, so the connect that follows reaches the chosen core. A connected target keeps its device.
+int _AimAtDevice(int Index, std::string& sError) {
+  CORE_STATE& S = _State();
+  const PROBE_DEVICE* pDevice = PROBE_GetDevice(Index);
+  if (!S.IsOpen || !pDevice || pDevice == S.pDevice) {
+    return 0;
+  }
+  if (S.IsConnected) {
+    sError = "device \"" + pDevice->sName + "\" can't be chosen while connected to \"" + S.pDevice->sName +
+             "\"; disconnect first";
+    return -1;
+  }
+  if (S.UseIP) {
+    S.pDevice = pDevice;  // the gdbserver stays; the device names the chip behind it
+    return 0;
+  }
+  CProbeBackend* pBackend = pDevice->pfGetBackend ? pDevice->pfGetBackend(*pDevice) : nullptr;
+  if (!pBackend) {
+    sError = "device \"" + pDevice->sName + "\" has no target behind it";
+    return -1;
+  }
+  if (pBackend != S.pBackend) {
+    if (pBackend->Open(&S.Streams, sError) != 0) {
+      sError = "device \"" + pDevice->sName + "\": " + (sError.empty() ? "back-end failed to open" : sError);
+      return -1;
+    }
+    S.pBackend->Close();
+    S.pBackend = pBackend;
+  }
+  S.pDevice = pDevice;
+  PROBE_Log("Opened target \"%s\"", pDevice->sName.c_str());
+  return 0;
+}
+
+}  // namespace
+
 const char* TARVIKARM_Open(void) {
   CProbeLock Lock;
   _EnsureDevices();
@@ -518,6 +558,10 @@ int TARVIKARM_ExecCommand(const char* sCmd, char* sOut, int OutSize) {
     int Index = TARVIKARM_DEVICE_GetIndex(sValue.c_str());
     if (Index < 1) {
       return Fail("unknown device \"" + sValue + "\"");
+    }
+    std::string sError;
+    if (_AimAtDevice(Index, sError) != 0) {
+      return Fail(sError);
     }
     S.DeviceIndex = Index;
     return 0;

@@ -67,6 +67,7 @@ class CSimSystem {
   void SetSWOEnabled(bool On, U32 PortMask);
   void RecordBusFault(U32 Addr, bool Precise);
   void RecordForcedHardFault() { _HFSR |= 1u << 30; }
+  void RecordUsageFault(U32 CfsrBits) { _CFSR |= CfsrBits; }
   bool IsHaltedForDebugger = false;  // mirrored into DHCSR.S_HALT
   bool DebuggerConnected = false;    // DHCSR.C_DEBUGEN
 

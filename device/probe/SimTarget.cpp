@@ -1,10 +1,21 @@
 // The simulated target. Threading: the emulator runs on the target's own thread in slices, each under
-// the layer's mutex, so every probe operation sees the target between two slices. A running target
-// is stopped by setting state that the per-instruction code hook honours (uc_emu_stop is only ever
-// called from inside the emulation; from another thread it corrupts the emulator state in 2.0.1).
+// the layer's mutex, so every probe operation sees the target between two slices. uc_emu_stop is only
+// ever called from inside the emulation (from another thread it corrupts the emulator state in 2.0.1).
+//
+// How the emulator is driven. Per instruction hooks cost a fifth of the speed, so the emulator runs
+// with one hook per translated block, which counts the block's instructions (a per-block cache) and
+// takes time events, pending exceptions and stop requests before the block runs. Everything that must
+// stop at an exact instruction uses the emulator's exits instead, which end a translation right before
+// an address: breakpoints, the end of a single step, and instructions the core doesn't have. Exits are
+// also the only stop that works inside an IT block: there the emulator ignores stop requests from
+// hooks, and calls no code hook for an instruction whose condition fails, but it ends a block at an
+// exit with the IT state written back to xPSR. A per-instruction hook exists only while trace or data
+// breakpoints are on.
 #include "device/probe/SimTarget.h"
 
 #include <unicorn/unicorn.h>
+
+#include "device/probe/SimIsa.h"
 
 #include <algorithm>
 #include <cctype>
@@ -13,6 +24,7 @@
 namespace {
 
 constexpr U64 kSliceInstructions = 100000;
+constexpr U32 kPageSize = 1024;           // the emulator's smallest page on this target
 constexpr U32 kTraceCapacity = 1u << 20;  // executed addresses kept, a power of two
 constexpr U32 kTraceGapMarker = 0xFFFFFFF0u;
 constexpr U32 kFlashHalfwords = SIM_FLASH_SIZE / 2;
@@ -26,6 +38,13 @@ enum : U32 {
   UC_INTR_DATA_ABORT = 4,
   UC_INTR_BKPT = 7,
   UC_INTR_EXCEPTION_EXIT = 8,
+  UC_INTR_NOCP = 17,
+};
+
+// Fault status bits of CFSR that the simulator raises itself.
+enum : U32 {
+  CFSR_UNDEFINSTR = 1u << 16,
+  CFSR_NOCP = 1u << 19,
 };
 
 const int kUcRegs[PROBE_NUM_REGS] = {
@@ -46,42 +65,6 @@ I64 _CounterSlot(U32 Addr) {
   return -1;
 }
 
-bool _ConditionPassed(U32 Cond, U32 APSR) {
-  bool N = APSR & (1u << 31), Z = APSR & (1u << 30), C = APSR & (1u << 29), V = APSR & (1u << 28);
-  switch (Cond) {
-    case 0:
-      return Z;
-    case 1:
-      return !Z;
-    case 2:
-      return C;
-    case 3:
-      return !C;
-    case 4:
-      return N;
-    case 5:
-      return !N;
-    case 6:
-      return V;
-    case 7:
-      return !V;
-    case 8:
-      return C && !Z;
-    case 9:
-      return !C || Z;
-    case 10:
-      return N == V;
-    case 11:
-      return N != V;
-    case 12:
-      return !Z && N == V;
-    case 13:
-      return Z || N != V;
-    default:
-      return true;
-  }
-}
-
 // What the counters need to know of an instruction, cached per halfword: bits 0..3 the kind
 // (1 plain, 2 IT, 3 conditional branch), bits 4..7 the condition, bits 8..11 the IT mask.
 enum : U16 { KIND_PLAIN = 1, KIND_IT = 2, KIND_COND_BRANCH = 3 };
@@ -90,50 +73,44 @@ enum : U16 { KIND_PLAIN = 1, KIND_IT = 2, KIND_COND_BRANCH = 3 };
 
 // The emulator's callbacks.
 struct SIM_HOOKS {
-  static void OnCode(uc_engine* pUc, uint64_t Addr, uint32_t Size, void* pUser) {
+  // Runs before every translated block. The fast path only counts the block's instructions; anything
+  // else (time events, pending exceptions, stop requests, one-block runs) waits for _NextCheck. A
+  // stop asked for here takes effect before the block runs, so the block is not counted then.
+  static void OnBlock(uc_engine* pUc, uint64_t Addr, uint32_t Size, void* pUser) {
     CSimTarget& S = *static_cast<CSimTarget*>(pUser);
     U32 a = U32(Addr);
-    if (S._FirstInstruction) {
-      S._FirstInstruction = false;
-      bool Skip = S._SkipBreakpointAt && a == S._SkipAddr;
-      S._SkipBreakpointAt = false;
-      if (!Skip && S._IsBreakpoint(a)) {
-        S._StopEmulation(CSimTarget::STOP_BREAKPOINT);
-        return;
-      }
-    } else {
-      if (S._WatchHit) {
-        S._WatchHit = false;
-        S._StopEmulation(CSimTarget::STOP_WATCH);
-        return;
-      }
-      if (S._StepMode) {
-        S._StopEmulation(CSimTarget::STOP_STEP_DONE);
-        return;
-      }
-      if ((S._aBreakpointMap[(a >> 4) & 0x1FFF] & (1u << ((a >> 1) & 7))) && S._IsBreakpoint(a)) {
-        S._StopEmulation(CSimTarget::STOP_BREAKPOINT);
+    CSimTarget::BLOCK_ENTRY& E = S._aBlockCache[(a >> 1) & (CSimTarget::kBlockCacheSize - 1)];
+    if (E.Addr != a || E.Size != Size) {
+      S._InBlockHook = true;
+      S._FillBlock(E, a, Size);
+      S._InBlockHook = false;
+    }
+    if (S._Cycles >= S._NextCheck || (E.Flags & S._SlowBlockFlags)) {
+      S._InBlockHook = true;
+      bool Run = S._OnBlockSlow(E);
+      S._InBlockHook = false;
+      if (!Run) {
         return;
       }
     }
-    if (S._ResetRequested) {
-      S._StopEmulation(CSimTarget::STOP_RESET_REQUEST);
+    S._Cycles += E.NumInsts;
+    S._pLastBlock = &E;
+  }
+
+  // Only while trace or data breakpoints are on: the trace record of each instruction, and the stop
+  // right after an instruction that hit a data breakpoint (before the next one runs).
+  static void OnCode(uc_engine* pUc, uint64_t Addr, uint32_t Size, void* pUser) {
+    CSimTarget& S = *static_cast<CSimTarget*>(pUser);
+    if (S._StopAtCode) {
+      uc_emu_stop(pUc);  // before this instruction: the first of the block that was to be stopped
       return;
     }
-    if (S._Cycles >= S._NextEventCycle) {
-      if (S._Cycles >= S._SliceEnd && !S._StepMode) {
-        S._StopEmulation(CSimTarget::STOP_SLICE);
-        return;
-      }
-      S._OnTimeEvents();
-    }
-    if (S._CheckPending && S._CanTakePending()) {
-      S._StopEmulation(CSimTarget::STOP_EXCEPTION);
+    if (S._WatchHit) {
+      S._StopEmulation(CSimTarget::STOP_WATCH);
       return;
     }
-    S._Cycles++;
     if (S._TraceOn) {
-      S._CountInstruction(a);
+      S._CountInstruction(U32(Addr));
     }
   }
 
@@ -164,7 +141,9 @@ struct SIM_HOOKS {
       if (W.DataMask != 0xFFFFFFFFu && ((U32(Value) ^ W.Data) & ~W.DataMask) != 0) {
         continue;
       }
-      S._WatchHit = true;  // the stop comes before the next instruction: after the access
+      // The code hook of the next instruction (or the next block's hook) stops before it runs.
+      S._WatchHit = true;
+      S._NextCheck = 0;
     }
   }
 
@@ -220,22 +199,28 @@ CSimTarget::CSimTarget(U32 Core, U32 ClockHz) : _Core(Core), _ClockHz(ClockHz) {
   bool IsM0 = Core == PROBE_CORE_CORTEX_M0;
   _NumBPUnits = IsM0 ? 4 : 6;
   _NumWPUnits = IsM0 ? 2 : 4;
-  U32 CpuId = IsM0 ? 0x410CC200u : (Core == PROBE_CORE_CORTEX_M3 ? 0x412FC231u : 0x410FC241u);
+  // CPUID as QEMU 7.2 reports it for the same cores (microbit, mps2-an385, mps2-an386), so that the
+  // two can be compared register by register.
+  U32 CpuId = IsM0 ? 0x410CC200u : (Core == PROBE_CORE_CORTEX_M3 ? 0x410FC231u : 0x410FC240u);
+  _Isa = IsM0 ? SIM_ISA_V6M : (Core == PROBE_CORE_CORTEX_M3 ? SIM_ISA_V7M : SIM_ISA_V7EM_FPSP);
   _pSystem.reset(new CSimSystem(static_cast<ISimSystemHost*>(this), CpuId, IsM0 ? 2 : 4, !IsM0));
-  _aBreakpointMap.assign(0x2000, 0);
+  _aBlockCache.assign(kBlockCacheSize, BLOCK_ENTRY{kNoAddr, 0, 0, 0});
   _aTrace.assign(kTraceCapacity, 0);
   if (uc_open(UC_ARCH_ARM, uc_mode(UC_MODE_THUMB | UC_MODE_MCLASS), &_pUc) != UC_ERR_OK) {
     _pUc = nullptr;
     return;
   }
+  // The emulator keeps its Cortex-M33 in M-profile mode whatever model is asked for (it answers OK),
+  // which is why the instruction set of each core is checked here (SimIsa.h).
   uc_ctl_set_cpu_model(_pUc,
                        IsM0 ? UC_CPU_ARM_CORTEX_M0
                             : (Core == PROBE_CORE_CORTEX_M3 ? UC_CPU_ARM_CORTEX_M3 : UC_CPU_ARM_CORTEX_M4));
+  uc_ctl_exits_enable(_pUc);
   uc_mem_map(_pUc, SIM_FLASH_ADDR, SIM_FLASH_SIZE, UC_PROT_READ | UC_PROT_EXEC);
   uc_mem_map(_pUc, SIM_RAM_ADDR, SIM_RAM_SIZE, UC_PROT_ALL);
   uc_mmio_map(_pUc, SIM_PPB_BASE, SIM_PPB_SIZE, SIM_HOOKS::OnPPBRead, this, SIM_HOOKS::OnPPBWrite, this);
   uc_hook h;
-  uc_hook_add(_pUc, &h, UC_HOOK_CODE, reinterpret_cast<void*>(SIM_HOOKS::OnCode), this, 1, 0);
+  uc_hook_add(_pUc, &h, UC_HOOK_BLOCK, reinterpret_cast<void*>(SIM_HOOKS::OnBlock), this, 1, 0);
   uc_hook_add(_pUc, &h, UC_HOOK_INTR, reinterpret_cast<void*>(SIM_HOOKS::OnInterrupt), this, 1, 0);
   uc_hook_add(_pUc, &h, UC_HOOK_MEM_INVALID, reinterpret_cast<void*>(SIM_HOOKS::OnInvalidMem), this, 1, 0);
   _CoreReset();
@@ -312,13 +297,29 @@ void CSimTarget::_ThreadMain() {
 }
 
 void CSimTarget::_StopEmulation(STOP_REASON Reason) {
-  _StopReason = Reason;
+  if (_StopReason == STOP_NONE) {
+    _StopReason = Reason;
+  }
+  _NextCheck = 0;
+  if (_InBlockHook && _hCodeHook != 0) {
+    // With code hooks in the block, a stop asked for by the block hook is not taken before the
+    // block but somewhere inside it (2.0.1); the first code hook stops exactly instead.
+    _StopAtCode = true;
+    return;
+  }
   uc_emu_stop(_pUc);
 }
 
 void CSimTarget::_UpdateNextEvent() {
   _NextEventCycle =
       std::min({_SliceEnd, _pSystem->GetNextSysTickEvent(), _HSSOn ? _NextHSSSample : CSimSystem::kNever});
+  _UpdateNextCheck();
+}
+
+void CSimTarget::_UpdateNextCheck() {
+  bool Now =
+      _StopReason != STOP_NONE || _CheckPending || _ResetRequested || _HaltPending || _WatchHit || _OneBlock;
+  _NextCheck = Now ? 0 : _NextEventCycle;
 }
 
 void CSimTarget::_OnTimeEvents() {
@@ -332,90 +333,387 @@ void CSimTarget::_OnTimeEvents() {
   _UpdateNextEvent();
 }
 
-CSimTarget::RUN_RESULT CSimTarget::_Run(U64 MaxInsts, bool Step) {
-  _SliceEnd = _Cycles + MaxInsts;
-  _StepMode = Step;
-  _WatchHit = false;
-  _UpdateNextEvent();
-  for (;;) {
-    _StopReason = STOP_NONE;
-    _FirstInstruction = true;
-    U32 PC = _Reg(UC_ARM_REG_PC);
-    uc_err Err = uc_emu_start(_pUc, PC | 1, 0xFFFFFFFFu, 0, 0);
-    PC = _Reg(UC_ARM_REG_PC);
-    if (Err != UC_ERR_OK) {
-      char ac[160];
-      snprintf(ac, sizeof(ac), "%s at address 0x%08X", uc_strerror(Err), _FaultAddr);
-      bool Precise = Err == UC_ERR_READ_UNMAPPED || Err == UC_ERR_WRITE_UNMAPPED || Err == UC_ERR_WRITE_PROT;
-      if (Precise || Err == UC_ERR_FETCH_UNMAPPED || Err == UC_ERR_FETCH_PROT) {
-        _pSystem->RecordBusFault(_FaultAddr, Precise);
-      }
-      if (!_RaiseHardFault(PC, ac)) {
-        return RUN_HALTED;
-      }
+bool CSimTarget::_OnBlockSlow(const BLOCK_ENTRY& Block) {
+  bool Run = false;
+  if (_StopReason != STOP_NONE) {
+    // A stop is on its way (from a peripheral access or the block's own check).
+  } else if (_WatchHit) {
+    _StopEmulation(STOP_WATCH);
+  } else if (_ResetRequested) {
+    _StopEmulation(STOP_RESET_REQUEST);
+  } else if (_HaltPending) {
+    _HaltPending = false;
+    _StopEmulation(STOP_HALT_REQUEST);
+  } else if (!_OneBlock && _Cycles >= _SliceEnd) {
+    _StopEmulation(STOP_SLICE);
+  } else {
+    if (_Cycles >= _NextEventCycle) {
+      _OnTimeEvents();
+    }
+    if (_CheckPending && _CanTakePending()) {
+      _StopEmulation(STOP_EXCEPTION);
+    } else if (_OneBlock && ++_BlocksRun > 1) {
+      _StopEmulation(STOP_BLOCK_DONE);
+    } else if (!_OneBlock && (Block.Flags & BLOCK_IT_ACCESS) && !_aWatches.empty()) {
+      _StepThroughLo = Block.Addr;
+      _StepThroughHi = Block.Addr + Block.Size;
+      _StopEmulation(STOP_STEP_THROUGH);
     } else {
-      switch (_StopReason) {
-        case STOP_NONE:
-        case STOP_SLICE:
-          _StepMode = false;
-          return RUN_CONTINUE;
-        case STOP_STEP_DONE:
-          _StepMode = false;
-          _SetHalted(PROBE_HALT_STEP);
-          return RUN_HALTED;
-        case STOP_BREAKPOINT:
-          _SetHalted(PROBE_HALT_BREAKPOINT);
-          return RUN_HALTED;
-        case STOP_WATCH:
-          _SetHalted(PROBE_HALT_WATCHPOINT);
-          return RUN_HALTED;
-        case STOP_HALT_REQUEST:
-          _SetHalted(PROBE_HALT_REQUEST);
-          return RUN_HALTED;
-        case STOP_RESET_REQUEST:
-          _ResetRequested = false;
-          _CoreReset();
-          break;
-        case STOP_EXCEPTION:
-          if (!_EnterException(_pSystem->GetHighestPending(), PC)) {
-            return RUN_HALTED;
-          }
-          break;
-        case STOP_INTERRUPT:
-          if (_InterruptNo == UC_INTR_BKPT) {
-            _SetHalted(PROBE_HALT_BKPT_INST);
-            return RUN_HALTED;
-          }
-          if (_InterruptNo == UC_INTR_SWI) {
-            // SVC is synchronous: it must preempt at once, else it escalates to HardFault.
-            _pSystem->SetPending(SIM_EXC_SVCALL);
-            if (!_CanTakePending() || _pSystem->GetHighestPending() != SIM_EXC_SVCALL) {
-              if (!_RaiseHardFault(PC - 2, "SVC while its priority was masked")) {
-                return RUN_HALTED;
-              }
-            } else if (!_EnterException(SIM_EXC_SVCALL, PC)) {
-              return RUN_HALTED;
-            }
-          } else if (_InterruptNo == UC_INTR_EXCEPTION_EXIT) {
-            if (!_ReturnFromException(PC | 1)) {
-              return RUN_HALTED;
-            }
-          } else {
-            char ac[80];
-            snprintf(ac, sizeof(ac), _InterruptNo == UC_INTR_UDEF ? "undefined instruction" : "exception %u",
-                     _InterruptNo);
-            if (!_RaiseHardFault(PC, ac)) {
-              return RUN_HALTED;
-            }
-          }
-          break;
+      Run = true;
+    }
+  }
+  if (!Run) {
+    _pLastBlock = nullptr;  // the block before this one ran to its end
+    return false;
+  }
+  _UpdateNextCheck();
+  return true;
+}
+
+U32 CSimTarget::_CountInstructions(U32 Addr, U32 End) {
+  U32 n = 0;
+  while (Addr < End) {
+    U16 H0 = 0;
+    if (uc_mem_read(_pUc, Addr, &H0, 2) != UC_ERR_OK) {
+      break;
+    }
+    Addr += SIM_InstSize(H0);
+    n++;
+  }
+  return n;
+}
+
+void CSimTarget::_FillBlock(BLOCK_ENTRY& Block, U32 Addr, U32 Size) {
+  // The block's bytes and a few beyond, for an IT block that reaches past the block's end.
+  U8 ac[kMaxBlockBytes + 16] = {};
+  U32 n = std::min<U32>(Size, kMaxBlockBytes);
+  if (uc_mem_read(_pUc, Addr, ac, n + 16) != UC_ERR_OK) {
+    uc_mem_read(_pUc, Addr, ac, n);
+  }
+  auto Half = [&](U32 Off) { return U16(ac[Off] | (ac[Off + 1] << 8)); };
+  U32 NumInsts = 0;
+  U8 Flags = 0;
+  for (U32 Off = 0; Off < n; NumInsts++) {
+    U16 H0 = Half(Off), H1 = Half(Off + 2);
+    SIM_INST_CHECK Check = SIM_CheckInstruction(_Isa, H0, H1);
+    if (Check != SIM_INST_OK && !_aFaultExits.count(Addr + Off)) {
+      // The emulator would run it as a later core does. An exit there ends the block before it, so
+      // the instructions before it run and the fault comes exactly at it.
+      _aFaultExits[Addr + Off] = Check;
+      _aNewFaultExits.push_back(Addr + Off);
+      _StopEmulation(STOP_RETRANSLATE);
+    }
+    if (U32 IT = SIM_ITStateOf(H0)) {
+      // A memory access inside an IT block that another instruction of the block follows: the emulator
+      // can't stop there, so with data breakpoints set such blocks run one instruction at a time.
+      U32 Num = (IT & 1) ? 4 : ((IT & 2) ? 3 : ((IT & 4) ? 2 : 1));
+      U32 At = Off + 2;
+      for (U32 k = 0; k + 1 < Num && At + 4 <= n + 16; k++) {
+        U16 I0 = Half(At), I1 = Half(At + 2);
+        if (SIM_MayAccessMemory(I0, I1)) {
+          Flags |= BLOCK_IT_ACCESS;
+        }
+        At += SIM_InstSize(I0);
       }
     }
-    if (Step) {
-      // A step that ended in an exception entry or return stops at the new PC.
-      _StepMode = false;
-      _SetHalted(PROBE_HALT_STEP);
+    Off += SIM_InstSize(H0);
+  }
+  Block = BLOCK_ENTRY{Addr, U16(Size), U16(NumInsts), Flags};
+  _CodeLo = std::min(_CodeLo, Addr);
+  _CodeHi = std::max(_CodeHi, Addr + Size + 16);
+}
+
+void CSimTarget::_UncountRestOfBlock(U32 PC) {
+  // The entry is still the last block's: only the block hook refills entries.
+  const BLOCK_ENTRY* pLast = _pLastBlock;
+  if (pLast && PC >= pLast->Addr && PC < pLast->Addr + pLast->Size) {
+    _Cycles -= _CountInstructions(PC, pLast->Addr + pLast->Size);
+  }
+  _pLastBlock = nullptr;
+}
+
+void CSimTarget::_ApplyExits(U32 Without, U32 With) {
+  _aExits.clear();
+  for (const auto& Bp : _aBreakpoints) {
+    if (Bp.first != Without) {
+      _aExits.push_back(Bp.first);
+    }
+  }
+  for (const auto& F : _aFaultExits) {
+    if (F.first != Without) {
+      _aExits.push_back(F.first);
+    }
+  }
+  if (With != kNoAddr) {
+    _aExits.push_back(With);
+  }
+  uc_ctl_set_exits(_pUc, _aExits.data(), _aExits.size());
+}
+
+void CSimTarget::_InvalidateAround(U32 Addr) {
+  // Exits take effect when code is translated: drop the translations that hold the address, and those
+  // that end there (their last instruction starts at most 4 bytes before).
+  // The emulator drops nothing for a range that starts outside mapped memory, so a range reaching
+  // back across a page boundary is dropped in two parts.
+  U64 Lo = Addr >= 4 ? Addr - 4 : 0;
+  U64 Page = Addr & ~U64(kPageSize - 1);
+  if (Lo < Page) {
+    uc_ctl_remove_cache(_pUc, Lo, Page);
+    Lo = Page;
+  }
+  uc_ctl_remove_cache(_pUc, Lo, U64(Addr) + 2);
+}
+
+void CSimTarget::_DropAllTranslations() {
+  // Not the emulator's flush: in 2.0.1 that takes from a fifth of a second to seconds.
+  uc_ctl_remove_cache(_pUc, U64(SIM_FLASH_ADDR), U64(SIM_FLASH_ADDR) + SIM_FLASH_SIZE);
+  uc_ctl_remove_cache(_pUc, U64(SIM_RAM_ADDR), U64(SIM_RAM_ADDR) + SIM_RAM_SIZE);
+}
+
+bool CSimTarget::_IsExit(U32 Addr) const {
+  return _IsBreakpoint(Addr) || _aFaultExits.count(Addr) != 0;
+}
+
+int CSimTarget::_Emulate(U32 PC) {
+  _StopReason = STOP_NONE;
+  _StopAtCode = false;
+  _pLastBlock = nullptr;
+  _BlocksRun = 0;
+  _UpdateNextCheck();
+  _InEmulation = true;
+  uc_err Err = uc_emu_start(_pUc, PC | 1, 0, 0, 0);
+  _InEmulation = false;
+  _UncountRestOfBlock(_Reg(UC_ARM_REG_PC));
+  if (!_aNewFaultExits.empty()) {
+    _ApplyExits(kNoAddr, kNoAddr);
+    for (U32 Addr : _aNewFaultExits) {
+      _InvalidateAround(Addr);
+    }
+    _aNewFaultExits.clear();
+  }
+  return int(Err);
+}
+
+int CSimTarget::_EmulateOneBlock(U32 PC, U32 StopAt) {
+  // Runs the block at PC even where PC is an exit (a breakpoint being stepped over), and no further;
+  // StopAt, when given, ends it after the first instruction.
+  bool Changed = _IsExit(PC) || StopAt != kNoAddr;
+  if (Changed) {
+    _ApplyExits(PC, StopAt);
+    _InvalidateAround(PC);
+    if (StopAt != kNoAddr) {
+      _InvalidateAround(StopAt);
+    }
+  }
+  _OneBlock = true;
+  int Err = _Emulate(PC);
+  _OneBlock = false;
+  if (Changed) {
+    _ApplyExits(kNoAddr, kNoAddr);
+    _InvalidateAround(PC);
+    if (StopAt != kNoAddr) {
+      _InvalidateAround(StopAt);
+    }
+  }
+  _UpdateNextCheck();
+  return Err;
+}
+
+bool CSimTarget::_TakeFaultExit(U32 PC, SIM_INST_CHECK Check) {
+  U32 XPSR = _Reg(UC_ARM_REG_XPSR);
+  U32 IT = SIM_ITStateFromXPSR(XPSR);
+  U16 aInst[2] = {};
+  uc_mem_read(_pUc, PC, aInst, 4);
+  if (IT != 0 && !SIM_ConditionPassed(IT >> 4, XPSR)) {
+    // Inside an IT block with its condition failing the instruction doesn't run, whatever it is.
+    _SetReg(UC_ARM_REG_XPSR, SIM_XPSRWithITState(XPSR, SIM_ITAdvance(IT)));
+    _SetReg(UC_ARM_REG_PC, PC + SIM_InstSize(aInst[0]));
+    _Cycles++;
+    return true;
+  }
+  static const char* const asArch[] = {"ARMv6-M", "ARMv7-M", "ARMv7E-M with FPv4-SP"};
+  char ac[160];
+  if (SIM_InstSize(aInst[0]) == 4) {
+    snprintf(ac, sizeof(ac), "instruction 0x%04X 0x%04X is %s on %s", aInst[0], aInst[1],
+             Check == SIM_INST_NO_COPROCESSOR ? "for a coprocessor the core lacks" : "undefined",
+             asArch[_Isa]);
+  } else {
+    snprintf(ac, sizeof(ac), "instruction 0x%04X is undefined on %s", aInst[0], asArch[_Isa]);
+  }
+  return _RaiseUsageFault(PC, Check == SIM_INST_NO_COPROCESSOR ? CFSR_NOCP : CFSR_UNDEFINSTR, ac);
+}
+
+CSimTarget::STOP_RESULT CSimTarget::_AfterStop(int ErrCode) {
+  U32 PC = _Reg(UC_ARM_REG_PC);
+  uc_err Err = uc_err(ErrCode);
+  if (Err != UC_ERR_OK) {
+    char ac[160];
+    snprintf(ac, sizeof(ac), "%s at address 0x%08X", uc_strerror(Err), _FaultAddr);
+    bool Precise = Err == UC_ERR_READ_UNMAPPED || Err == UC_ERR_WRITE_UNMAPPED || Err == UC_ERR_WRITE_PROT;
+    if (Precise || Err == UC_ERR_FETCH_UNMAPPED || Err == UC_ERR_FETCH_PROT) {
+      _pSystem->RecordBusFault(_FaultAddr, Precise);
+    }
+    return _RaiseHardFault(PC, ac) ? SR_EVENT : SR_HALTED;
+  }
+  switch (_StopReason) {
+    case STOP_NONE:  // an exit: a breakpoint, an instruction the core lacks, or the end of a step
+      return SR_AT_EXIT;
+    case STOP_BLOCK_DONE:
+      return SR_AT_EXIT;
+    case STOP_SLICE:
+      return SR_SLICE;
+    case STOP_RETRANSLATE:
+      return SR_AGAIN;
+    case STOP_STEP_THROUGH:
+      return SR_STEP_THROUGH;
+    case STOP_WATCH:
+      _SetHalted(PROBE_HALT_WATCHPOINT);
+      return SR_HALTED;
+    case STOP_HALT_REQUEST:
+      _SetHalted(PROBE_HALT_REQUEST);
+      return SR_HALTED;
+    case STOP_RESET_REQUEST:
+      _ResetRequested = false;
+      _CoreReset();
+      return SR_EVENT;
+    case STOP_EXCEPTION:
+      return _EnterException(_pSystem->GetHighestPending(), PC) ? SR_EVENT : SR_HALTED;
+    case STOP_INTERRUPT:
+      break;
+  }
+  switch (_InterruptNo) {
+    case UC_INTR_BKPT:
+      _SetHalted(PROBE_HALT_BKPT_INST);
+      return SR_HALTED;
+    case UC_INTR_SWI:
+      // SVC is synchronous: it must preempt at once, else it escalates to HardFault.
+      _pSystem->SetPending(SIM_EXC_SVCALL);
+      if (!_CanTakePending() || _pSystem->GetHighestPending() != SIM_EXC_SVCALL) {
+        return _RaiseHardFault(PC - 2, "SVC while its priority was masked") ? SR_EVENT : SR_HALTED;
+      }
+      return _EnterException(SIM_EXC_SVCALL, PC) ? SR_EVENT : SR_HALTED;
+    case UC_INTR_EXCEPTION_EXIT:
+      return _ReturnFromException(PC | 1) ? SR_EVENT : SR_HALTED;
+    case UC_INTR_UDEF:
+      return _RaiseUsageFault(PC, CFSR_UNDEFINSTR, "undefined instruction") ? SR_EVENT : SR_HALTED;
+    case UC_INTR_NOCP:
+      return _RaiseUsageFault(PC, CFSR_NOCP, "no coprocessor") ? SR_EVENT : SR_HALTED;
+    default: {
+      char ac[80];
+      snprintf(ac, sizeof(ac), "exception %u", _InterruptNo);
+      return _RaiseHardFault(PC, ac) ? SR_EVENT : SR_HALTED;
+    }
+  }
+}
+
+CSimTarget::STEP_RESULT CSimTarget::_StepOnce() {
+  for (int Attempt = 0; Attempt < 4; Attempt++) {
+    U32 PC = _Reg(UC_ARM_REG_PC);
+    auto Fault = _aFaultExits.find(PC);
+    if (Fault != _aFaultExits.end()) {
+      return _TakeFaultExit(PC, Fault->second) ? STEP_DONE : STEP_HALTED;
+    }
+    U16 H0 = 0;
+    uc_mem_read(_pUc, PC, &H0, 2);
+    STOP_RESULT r = _AfterStop(_EmulateOneBlock(PC, PC + SIM_InstSize(H0)));
+    if (r == SR_HALTED) {
+      return STEP_HALTED;
+    }
+    if (r != SR_AGAIN) {
+      return STEP_DONE;  // one instruction ran, or an exception was entered or left
+    }
+  }
+  return STEP_DONE;
+}
+
+bool CSimTarget::_StepThrough() {
+  // One instruction at a time until the IT blocks of the block are behind: a data breakpoint hit
+  // inside one then stops right after the access, as it does everywhere else.
+  U32 Lo = _StepThroughLo, Hi = _StepThroughHi;
+  for (int i = 0; i < 4096; i++) {
+    U32 PC = _Reg(UC_ARM_REG_PC);
+    if (i > 0) {
+      if (SIM_ITStateFromXPSR(_Reg(UC_ARM_REG_XPSR)) == 0 && (PC < Lo || PC >= Hi)) {
+        return true;
+      }
+      if (_IsBreakpoint(PC)) {
+        _SetHalted(PROBE_HALT_BREAKPOINT);
+        return false;
+      }
+    }
+    if (_StepOnce() == STEP_HALTED) {
+      return false;
+    }
+    if (_WatchHit) {
+      _SetHalted(PROBE_HALT_WATCHPOINT);
+      return false;
+    }
+  }
+  return true;
+}
+
+CSimTarget::RUN_RESULT CSimTarget::_Run(U64 MaxInsts, bool Step) {
+  _SliceEnd = _Cycles + MaxInsts;
+  _WatchHit = false;
+  _UpdateNextEvent();
+  if (Step) {
+    _PassPC = kNoAddr;
+    if (_StepOnce() != STEP_HALTED) {
+      _SetHalted(_WatchHit ? PROBE_HALT_WATCHPOINT : PROBE_HALT_STEP);
+    }
+    return RUN_HALTED;
+  }
+  U32 LastStart = kNoAddr;
+  for (;;) {
+    if (_Cycles >= _SliceEnd) {
+      return RUN_CONTINUE;
+    }
+    U32 PC = _Reg(UC_ARM_REG_PC);
+    auto Fault = _aFaultExits.find(PC);
+    if (Fault != _aFaultExits.end()) {
+      if (!_TakeFaultExit(PC, Fault->second)) {
+        return RUN_HALTED;
+      }
+      continue;
+    }
+    int Err;
+    U64 CyclesBefore = _Cycles;
+    if (_IsBreakpoint(PC)) {
+      // Reached while running, the breakpoint has already stopped the target before this point; a
+      // run that starts on one stops at once unless it was asked to step over it.
+      if (_PassPC != PC) {
+        _SetHalted(PROBE_HALT_BREAKPOINT);
+        return RUN_HALTED;
+      }
+      Err = _EmulateOneBlock(PC, kNoAddr);
+      if (_BlocksRun > 0) {
+        _PassPC = kNoAddr;
+      }
+    } else {
+      _PassPC = kNoAddr;
+      Err = _Emulate(PC);
+    }
+    STOP_RESULT r = _AfterStop(Err);
+    if (r == SR_HALTED) {
       return RUN_HALTED;
+    }
+    if (r == SR_SLICE) {
+      return RUN_CONTINUE;
+    }
+    if (r == SR_STEP_THROUGH && !_StepThrough()) {
+      return RUN_HALTED;
+    }
+    if (r == SR_AT_EXIT && _Cycles == CyclesBefore && _Reg(UC_ARM_REG_PC) == PC && !_IsExit(PC)) {
+      // Stopped where no exit is any more, before anything ran: a translation from before the exit
+      // went away. Drop it; drop them all if that wasn't enough.
+      if (LastStart == PC) {
+        _DropAllTranslations();
+      } else {
+        _InvalidateAround(PC);
+      }
+      LastStart = PC;
+    } else {
+      LastStart = kNoAddr;
     }
   }
 }
@@ -524,7 +822,7 @@ bool CSimTarget::_ReturnFromException(U32 ExcReturn) {
   _SetReg(UC_ARM_REG_R12, aFrame[4]);
   _SetReg(UC_ARM_REG_LR, aFrame[5]);
   _SetReg(UC_ARM_REG_PC, aFrame[6] & ~1u);
-  _ITLeft = 0;
+  _ClearITPending();
   _CheckPending = _pSystem->AnyPending();
   return true;
 }
@@ -548,10 +846,19 @@ bool CSimTarget::_RaiseHardFault(U32 PC, const char* sWhy) {
   return _EnterException(SIM_EXC_HARDFAULT, PC);
 }
 
+bool CSimTarget::_RaiseUsageFault(U32 PC, U32 CfsrBits, const char* sWhy) {
+  // ARMv6-M has no fault status registers and no UsageFault: its faults are HardFaults.
+  if (_Core != PROBE_CORE_CORTEX_M0) {
+    _pSystem->RecordUsageFault(CfsrBits);
+  }
+  return _RaiseHardFault(PC, sWhy);
+}
+
 void CSimTarget::_CoreReset() {
   _pSystem->Reset();
   U32 aVector[2] = {0, 0};
   uc_mem_read(_pUc, SIM_FLASH_ADDR, aVector, sizeof(aVector));
+  _SetReg(UC_ARM_REG_APSR_NZCVQG, 0);  // an xPSR write leaves the GE flags of the DSP instructions alone
   _SetReg(UC_ARM_REG_XPSR, 1u << 24);
   _SetReg(UC_ARM_REG_CONTROL, 0);
   _SetReg(UC_ARM_REG_MSP, aVector[0] & ~3u);
@@ -566,18 +873,23 @@ void CSimTarget::_CoreReset() {
     _SetReg(UC_ARM_REG_FAULTMASK, 0);
   }
   _SetReg(UC_ARM_REG_PC, aVector[1] & ~1u);
-  _ITLeft = 0;
+  _ClearITPending();
   _CheckPending = false;
   _WatchHit = false;
+  _HaltPending = false;
   _UpdateNextEvent();
 }
 
 void CSimTarget::OnSystemResetRequest() {
   _ResetRequested = true;
+  _NextCheck = 0;
 }
 
 void CSimTarget::OnDebugHaltRequest(bool HaltNow) {
   if (HaltNow) {
+    // Written by the program itself: stop before the next block.
+    _HaltPending = _InEmulation;
+    _NextCheck = 0;
     Halt();
   } else if (!_Running) {
     Go(false);
@@ -602,6 +914,9 @@ void CSimTarget::OnStimulusWrite(U32 Port, U32 Value, U32 Size) {
 // ---- Run control ----
 
 void CSimTarget::_SetHalted(PROBE_HALT_REASON Reason) {
+  if (_TraceOn) {
+    _FlushITPending(_Reg(UC_ARM_REG_PC));
+  }
   _Running = false;
   _HaltReason = Reason;
   _pSystem->IsHaltedForDebugger = true;
@@ -641,8 +956,7 @@ int CSimTarget::Go(bool StepOverBreakpoint) {
   if (_Running) {
     return 0;
   }
-  _SkipBreakpointAt = StepOverBreakpoint;
-  _SkipAddr = _Reg(UC_ARM_REG_PC);
+  _PassPC = StepOverBreakpoint ? _Reg(UC_ARM_REG_PC) : kNoAddr;
   _SetRunning();
   return 0;
 }
@@ -656,8 +970,6 @@ int CSimTarget::Step() {
     return -1;
   }
   // A step executes the instruction at the PC even when a breakpoint sits on it.
-  _SkipBreakpointAt = true;
-  _SkipAddr = _Reg(UC_ARM_REG_PC);
   _Run(1, true);
   if (_Running) {
     _SetHalted(PROBE_HALT_STEP);
@@ -715,6 +1027,9 @@ int CSimTarget::WriteReg(U32 Index, U32 Value) {
   }
   if (Index == PROBE_REG_PC) {
     Value &= ~1u;
+  }
+  if (Index == PROBE_REG_XPSR) {
+    _SetReg(UC_ARM_REG_APSR_NZCVQG, Value);  // the emulator's xPSR write leaves the GE flags out
   }
   _SetReg(kUcRegs[Index], Value);
   if (Index == PROBE_REG_PRIMASK || Index == PROBE_REG_BASEPRI || Index == PROBE_REG_FAULTMASK ||
@@ -786,7 +1101,8 @@ int CSimTarget::WriteMem(U32 Addr, U32 NumBytes, const U8* pData) {
     }
     // Translations of code that already ran must go, or a new download would run the old code: the
     // emulator drops them itself only for writable pages, and flash is mapped read-only.
-    uc_ctl_remove_cache(_pUc, a, U64(a) + n);
+    uc_ctl_remove_cache(_pUc, U64(a), U64(a) + n);
+    _OnCodeWritten(a, n);
     if (!_aInstKind.empty()) {
       for (U32 i = 0; i < n; i += 2) {
         I64 Slot = _CounterSlot(a + i);
@@ -798,6 +1114,25 @@ int CSimTarget::WriteMem(U32 Addr, U32 NumBytes, const U8* pData) {
     Done += n;
   }
   return Done ? int(Done) : -1;
+}
+
+void CSimTarget::_OnCodeWritten(U32 Addr, U32 NumBytes) {
+  // The block cache and the instructions known to be missing from the core describe the old bytes.
+  if (Addr < _CodeHi && Addr + NumBytes > _CodeLo) {
+    std::fill(_aBlockCache.begin(), _aBlockCache.end(), BLOCK_ENTRY{kNoAddr, 0, 0, 0});
+    _CodeLo = kNoAddr;
+    _CodeHi = 0;
+  }
+  auto It = _aFaultExits.lower_bound(Addr >= 4 ? Addr - 3 : 0);
+  bool Changed = false;
+  while (It != _aFaultExits.end() && It->first < Addr + NumBytes) {
+    _InvalidateAround(It->first);
+    It = _aFaultExits.erase(It);
+    Changed = true;
+  }
+  if (Changed) {
+    _ApplyExits(kNoAddr, kNoAddr);
+  }
 }
 
 // ---- Breakpoints ----
@@ -812,8 +1147,8 @@ bool CSimTarget::_IsBreakpoint(U32 Addr) const {
 }
 
 int CSimTarget::SetBreakpoint(U32 Addr, bool Hardware) {
-  // Software breakpoints are not patched into memory: the code hook checks both kinds, so reads show
-  // the program's own bytes and flash needs no reprogramming.
+  // Software breakpoints are not patched into memory: both kinds are exits of the emulator, so reads
+  // show the program's own bytes and flash needs no reprogramming.
   Addr &= ~1u;
   for (auto& Bp : _aBreakpoints) {
     if (Bp.first == Addr) {
@@ -822,7 +1157,8 @@ int CSimTarget::SetBreakpoint(U32 Addr, bool Hardware) {
     }
   }
   _aBreakpoints.emplace_back(Addr, 1);
-  _aBreakpointMap[(Addr >> 4) & 0x1FFF] |= U8(1u << ((Addr >> 1) & 7));
+  _ApplyExits(kNoAddr, kNoAddr);
+  _InvalidateAround(Addr);
   return 0;
 }
 
@@ -832,10 +1168,8 @@ int CSimTarget::ClearBreakpoint(U32 Addr, bool Hardware) {
     if (_aBreakpoints[i].first == Addr) {
       if (--_aBreakpoints[i].second == 0) {
         _aBreakpoints.erase(_aBreakpoints.begin() + long(i));
-      }
-      std::fill(_aBreakpointMap.begin(), _aBreakpointMap.end(), 0);
-      for (const auto& Bp : _aBreakpoints) {
-        _aBreakpointMap[(Bp.first >> 4) & 0x1FFF] |= U8(1u << ((Bp.first >> 1) & 7));
+        _ApplyExits(kNoAddr, kNoAddr);
+        _InvalidateAround(Addr);
       }
       return 0;
     }
@@ -843,19 +1177,38 @@ int CSimTarget::ClearBreakpoint(U32 Addr, bool Hardware) {
   return -1;
 }
 
+void CSimTarget::_UpdateCodeHook() {
+  // The per-instruction hook costs a fifth of the speed: only trace and data breakpoints need it.
+  bool Wanted = _TraceOn || !_aWatches.empty();
+  if (Wanted && _hCodeHook == 0) {
+    uc_hook h;
+    if (uc_hook_add(_pUc, &h, UC_HOOK_CODE, reinterpret_cast<void*>(SIM_HOOKS::OnCode), this, 1, 0) ==
+        UC_ERR_OK) {
+      _hCodeHook = h;
+      _DropAllTranslations();  // translations hold the hooks that existed when they were made
+    }
+  } else if (!Wanted && _hCodeHook != 0) {
+    uc_hook_del(_pUc, _hCodeHook);
+    _hCodeHook = 0;
+    _DropAllTranslations();
+  }
+}
+
 void CSimTarget::_UpdateMemHooks() {
+  _UpdateCodeHook();
+  _SlowBlockFlags = _aWatches.empty() ? 0 : BLOCK_IT_ACCESS;
   // The memory hooks slow every access down, so they exist only while a data breakpoint does.
   if (!_aWatches.empty() && _hMemHook == 0) {
     uc_hook h;
     if (uc_hook_add(_pUc, &h, UC_HOOK_MEM_WRITE | UC_HOOK_MEM_READ_AFTER,
                     reinterpret_cast<void*>(SIM_HOOKS::OnMemAccess), this, 1, 0) == UC_ERR_OK) {
       _hMemHook = h;
-      uc_ctl_flush_tlb(_pUc);
+      _DropAllTranslations();
     }
   } else if (_aWatches.empty() && _hMemHook != 0) {
     uc_hook_del(_pUc, _hMemHook);
     _hMemHook = 0;
-    uc_ctl_flush_tlb(_pUc);
+    _DropAllTranslations();
   }
 }
 
@@ -980,13 +1333,15 @@ int CSimTarget::StartTrace() {
   }
   _TotalFetch = _TotalSkip = 0;
   _TraceHead = _TraceCount = 0;
-  _ITLeft = 0;
+  _ClearITPending();
   _TraceOn = true;
+  _UpdateCodeHook();
   return 0;
 }
 
 int CSimTarget::StopTrace() {
   _TraceOn = false;
+  _UpdateCodeHook();
   return 0;
 }
 
@@ -1016,56 +1371,85 @@ int CSimTarget::GetInstStats(U64* paOut, U32 Addr, U32 NumItems) {
   return 0;
 }
 
-void CSimTarget::_CountInstruction(U32 Addr) {
+void CSimTarget::_RecordInstruction(U32 Addr, bool Skipped, I64 Slot) {
   _aTrace[_TraceHead++ & (kTraceCapacity - 1)] = Addr;
   if (_TraceCount < kTraceCapacity) {
     _TraceCount++;
   }
   _TotalFetch++;
+  _TotalSkip += Skipped ? 1 : 0;
+  if (Slot >= 0) {
+    _aFetch[size_t(Slot)]++;
+    _aSkip[size_t(Slot)] += Skipped ? 1 : 0;
+  }
+}
+
+void CSimTarget::_ClearITPending() {
+  _aITPending.clear();
+  _ITPendingHead = 0;
+}
+
+void CSimTarget::_FlushITPending(U32 PC) {
+  // Halted inside an IT block: the instructions of the block before the PC that got no call were
+  // passed over with their condition failing.
+  while (_ITPendingHead < _aITPending.size() && _aITPending[_ITPendingHead] < PC &&
+         PC - _aITPending[_ITPendingHead] < 16) {
+    U32 Addr = _aITPending[_ITPendingHead++];
+    _RecordInstruction(Addr, true, _CounterSlot(Addr));
+  }
+}
+
+void CSimTarget::_CountInstruction(U32 Addr) {
+  // The emulator calls no hook for an instruction of an IT block whose condition fails: the block's
+  // instructions are known from its IT instruction, and those passed over count as skipped.
+  bool InITBlock = false;
+  if (!_aITPending.empty()) {
+    while (_ITPendingHead < _aITPending.size()) {
+      U32 Next = _aITPending[_ITPendingHead++];
+      if (Next == Addr) {
+        InITBlock = true;
+        break;
+      }
+      _RecordInstruction(Next, true, _CounterSlot(Next));
+    }
+    if (_ITPendingHead >= _aITPending.size()) {
+      _ClearITPending();
+    }
+  }
   I64 Slot = _CounterSlot(Addr);
-  if (Slot < 0) {
-    return;
-  }
-  _aFetch[size_t(Slot)]++;
-  U8& Kind = _aInstKind[size_t(Slot)];
-  static_assert(sizeof(Kind) == 1);
-  if (Kind == 0) {
-    U8 ac[4] = {};
-    uc_mem_read(_pUc, Addr, ac, 4);
-    U16 H0 = U16(ac[0] | ac[1] << 8), H1 = U16(ac[2] | ac[3] << 8);
-    if ((H0 & 0xFF00) == 0xBF00 && (H0 & 0xF)) {
-      Kind = KIND_IT;
-    } else if ((H0 & 0xF000) == 0xD000 && ((H0 >> 8) & 0xF) < 0xE) {
-      Kind = U8(KIND_COND_BRANCH | (((H0 >> 8) & 0xF) << 4));
-    } else if ((H0 & 0xF800) == 0xF000 && (H1 & 0xD000) == 0x8000 && ((H0 >> 6) & 0xF) < 0xE) {
-      Kind = U8(KIND_COND_BRANCH | (((H0 >> 6) & 0xF) << 4));
-    } else {
-      Kind = KIND_PLAIN;
+  U8 Kind = KIND_PLAIN;
+  if (Slot >= 0) {
+    U8& CachedKind = _aInstKind[size_t(Slot)];
+    if (CachedKind == 0) {
+      U8 ac[4] = {};
+      uc_mem_read(_pUc, Addr, ac, 4);
+      U16 H0 = U16(ac[0] | ac[1] << 8), H1 = U16(ac[2] | ac[3] << 8);
+      if (SIM_ITStateOf(H0) != 0) {
+        CachedKind = KIND_IT;
+      } else if ((H0 & 0xF000) == 0xD000 && ((H0 >> 8) & 0xF) < 0xE) {
+        CachedKind = U8(KIND_COND_BRANCH | (((H0 >> 8) & 0xF) << 4));
+      } else if ((H0 & 0xF800) == 0xF000 && (H1 & 0xD000) == 0x8000 && ((H0 >> 6) & 0xF) < 0xE) {
+        CachedKind = U8(KIND_COND_BRANCH | (((H0 >> 6) & 0xF) << 4));
+      } else {
+        CachedKind = KIND_PLAIN;
+      }
     }
+    Kind = CachedKind;
   }
-  bool Skipped = false;
-  if (_ITLeft > 0) {
-    U32 Cond = _ITConds & 0xF;
-    _ITConds >>= 4;
-    _ITLeft--;
-    Skipped = !_ConditionPassed(Cond, _Reg(UC_ARM_REG_APSR));
-  } else if ((Kind & 0xF) == KIND_COND_BRANCH) {
-    Skipped = !_ConditionPassed(Kind >> 4, _Reg(UC_ARM_REG_APSR));
-  }
+  bool Skipped = !InITBlock && (Kind & 0xF) == KIND_COND_BRANCH &&
+                 !SIM_ConditionPassed(U32(Kind >> 4), _Reg(UC_ARM_REG_APSR));
+  _RecordInstruction(Addr, Skipped, Slot);
   if ((Kind & 0xF) == KIND_IT) {
-    U8 ac[2] = {};
-    uc_mem_read(_pUc, Addr, ac, 2);
-    U32 Mask = ac[0] & 0xF, First = ac[0] >> 4;
-    U32 N = Mask & 1 ? 4 : (Mask & 2 ? 3 : (Mask & 4 ? 2 : 1));
-    _ITConds = First;
-    for (U32 k = 1; k < N; k++) {
-      _ITConds |= ((First & 0xE) | ((Mask >> (4 - k)) & 1)) << (4 * k);
+    U16 aBlock[9] = {};
+    uc_mem_read(_pUc, Addr, aBlock, sizeof(aBlock));
+    U32 IT = SIM_ITStateOf(aBlock[0]);
+    U32 Num = (IT & 1) ? 4 : ((IT & 2) ? 3 : ((IT & 4) ? 2 : 1));
+    _ClearITPending();
+    U32 Off = 2;
+    for (U32 k = 0; k < Num && Off < sizeof(aBlock); k++) {
+      _aITPending.push_back(Addr + Off);
+      Off += SIM_InstSize(aBlock[Off / 2]);
     }
-    _ITLeft = N;
-  }
-  if (Skipped) {
-    _aSkip[size_t(Slot)]++;
-    _TotalSkip++;
   }
 }
 

@@ -5,12 +5,14 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <map>
 #include <memory>
 #include <thread>
 #include <vector>
 
 #include "device/probe/ProbeBackend.h"
 #include "device/probe/ProbeCore.h"
+#include "device/probe/SimIsa.h"
 #include "device/probe/SimSystem.h"
 
 struct uc_struct;
@@ -67,37 +69,74 @@ class CSimTarget : public CProbeBackend, private ISimSystemHost {
   int StartHSS(const std::vector<std::pair<U32, U32>>& aBlocks, int Interval_us) override;
   int StopHSS() override;
 
-  // Instructions executed since the target was made: the simulated time in cycles.
+  // Instructions executed since the target was made: the simulated time in cycles. While the target
+  // runs it advances a block of instructions at a time.
   U64 GetCycles() override { return _Cycles; }
 
  private:
+  // Why the emulator returned, as the hooks saw it; STOP_NONE: it reached an exit.
   enum STOP_REASON {
     STOP_NONE,
     STOP_SLICE,
-    STOP_BREAKPOINT,
     STOP_WATCH,
     STOP_EXCEPTION,
     STOP_INTERRUPT,
     STOP_RESET_REQUEST,
-    STOP_STEP_DONE,
-    STOP_HALT_REQUEST
+    STOP_HALT_REQUEST,
+    STOP_BLOCK_DONE,    // a one-block run reached its second block
+    STOP_RETRANSLATE,   // new exits were found; run again from the same PC
+    STOP_STEP_THROUGH,  // a block to run one instruction at a time
   };
+  enum STOP_RESULT { SR_HALTED, SR_SLICE, SR_AT_EXIT, SR_AGAIN, SR_EVENT, SR_STEP_THROUGH };
+  enum STEP_RESULT { STEP_DONE, STEP_HALTED };
   enum RUN_RESULT { RUN_CONTINUE, RUN_HALTED };
+
+  // What the block hook keeps of a translated block, in a direct-mapped cache.
+  struct BLOCK_ENTRY {
+    U32 Addr;
+    U16 Size;
+    U16 NumInsts;
+    U8 Flags;
+  };
+  enum : U8 { BLOCK_IT_ACCESS = 1 };  // an IT block with a memory access that isn't its last instruction
+  static constexpr U32 kBlockCacheSize = 1u << 16;
+  static constexpr U32 kMaxBlockBytes = 4096;
+  static constexpr U32 kNoAddr = 0xFFFFFFFFu;
 
   friend struct SIM_HOOKS;  // the emulator's callbacks, with its exact signatures
 
   void _ThreadMain();
   // Runs at most MaxInsts instructions (or one with Step); tells whether the target halted.
   RUN_RESULT _Run(U64 MaxInsts, bool Step);
+  // One call of the emulator from PC; afterwards the cycle count holds what ran.
+  int _Emulate(U32 PC);  // the emulator's error code
+  // The block at PC only, run even where PC is an exit; StopAt, when given, is an exit for this run.
+  int _EmulateOneBlock(U32 PC, U32 StopAt);
+  STOP_RESULT _AfterStop(int Err);
+  STEP_RESULT _StepOnce();
+  bool _StepThrough();
+  bool _TakeFaultExit(U32 PC, SIM_INST_CHECK Check);
   void _StopEmulation(STOP_REASON Reason);
   void _UpdateNextEvent();
+  void _UpdateNextCheck();
   void _OnTimeEvents();
+  bool _OnBlockSlow(const BLOCK_ENTRY& Block);
+  void _FillBlock(BLOCK_ENTRY& Block, U32 Addr, U32 Size);
+  U32 _CountInstructions(U32 Addr, U32 End);
+  void _UncountRestOfBlock(U32 PC);
+  // The emulator's exits: breakpoints and instructions the core lacks, without Without, with With.
+  void _ApplyExits(U32 Without, U32 With);
+  void _InvalidateAround(U32 Addr);
+  void _DropAllTranslations();
+  bool _IsExit(U32 Addr) const;
+  void _OnCodeWritten(U32 Addr, U32 NumBytes);
   void _TakeHSSSample();
   bool _CanTakePending();
   // Exception entry and return; false when the target can't continue (halted with a log line).
   bool _EnterException(U32 Exception, U32 ReturnAddr);
   bool _ReturnFromException(U32 ExcReturn);
   bool _RaiseHardFault(U32 PC, const char* sWhy);
+  bool _RaiseUsageFault(U32 PC, U32 CfsrBits, const char* sWhy);
   void _CoreReset();
   void _SetHalted(PROBE_HALT_REASON Reason);
   void _SetRunning();
@@ -105,17 +144,25 @@ class CSimTarget : public CProbeBackend, private ISimSystemHost {
   void _SetReg(int UcReg, U32 Value);
   bool _IsBreakpoint(U32 Addr) const;
   void _CountInstruction(U32 Addr);
+  void _RecordInstruction(U32 Addr, bool Skipped, I64 CounterSlot);
+  void _ClearITPending();
+  void _FlushITPending(U32 PC);
+  void _UpdateCodeHook();
   void _UpdateMemHooks();
 
   // ISimSystemHost
   U32 GetActiveException() override;
-  void OnExceptionStateChanged() override { _CheckPending = true; }
+  void OnExceptionStateChanged() override {
+    _CheckPending = true;
+    _NextCheck = 0;
+  }
   void OnTimerChanged() override { _UpdateNextEvent(); }
   void OnSystemResetRequest() override;
   void OnDebugHaltRequest(bool Halt) override;
   void OnStimulusWrite(U32 Port, U32 Value, U32 Size) override;
 
   U32 _Core;
+  SIM_ISA _Isa;
   U32 _ClockHz;
   uc_struct* _pUc = nullptr;
   std::unique_ptr<CSimSystem> _pSystem;
@@ -130,24 +177,36 @@ class CSimTarget : public CProbeBackend, private ISimSystemHost {
   U64 _RunStartCycles = 0;
   std::chrono::steady_clock::time_point _RunStartTime;
 
-  // Per instruction state, touched by the code hook.
+  // State of the hooks.
   U64 _Cycles = 0;
   U64 _NextEventCycle = 0;
+  U64 _NextCheck = 0;  // the block hook leaves its fast path from this cycle on; 0: at once
   U64 _SliceEnd = 0;
   STOP_REASON _StopReason = STOP_NONE;
   U32 _InterruptNo = 0;
   U32 _FaultAddr = 0;  // address of the last access to no memory
-  bool _FirstInstruction = false;
-  bool _SkipBreakpointAt = false;
-  U32 _SkipAddr = 0;
-  bool _StepMode = false;
+  bool _InEmulation = false;
+  bool _InBlockHook = false;
+  bool _StopAtCode = false;  // the next code hook stops the emulator
+  bool _OneBlock = false;
+  int _BlocksRun = 0;                        // blocks begun in a one-block run
+  const BLOCK_ENTRY* _pLastBlock = nullptr;  // the block counted last, for a stop inside it
+  U32 _PassPC = kNoAddr;                     // a breakpoint that the next run steps over
+  U32 _StepThroughLo = 0, _StepThroughHi = 0;
   bool _CheckPending = false;
   bool _WatchHit = false;
   bool _ResetRequested = false;
-  std::vector<U8> _aBreakpointMap;  // one bit per halfword of (Addr >> 1) & 0xFFFF: quick reject
+  bool _HaltPending = false;
+  std::vector<BLOCK_ENTRY> _aBlockCache;
+  U8 _SlowBlockFlags = 0;                      // blocks with these flags take the block hook's slow path
+  U32 _CodeLo = kNoAddr, _CodeHi = 0;          // the addresses the cache has seen
+  std::map<U32, SIM_INST_CHECK> _aFaultExits;  // instructions the core lacks, found so far
+  std::vector<U32> _aNewFaultExits;
+  std::vector<uint64_t> _aExits;
   std::vector<std::pair<U32, int>> _aBreakpoints;  // address, count of users
   std::vector<PROBE_WATCH> _aWatches;
-  size_t _hMemHook = 0;  // 0 while no data breakpoint needs the memory hooks
+  size_t _hMemHook = 0;   // 0 while no data breakpoint needs the memory hooks
+  size_t _hCodeHook = 0;  // 0 while neither trace nor data breakpoints need the code hook
   int _NumBPUnits, _NumWPUnits;
   bool _SWOEnabled = false;
 
@@ -159,7 +218,8 @@ class CSimTarget : public CProbeBackend, private ISimSystemHost {
   std::vector<U64> _aFetch, _aSkip;  // per halfword of flash, then of RAM
   std::vector<U8> _aInstKind;        // cached classification per halfword, 0 unknown
   U64 _TotalFetch = 0, _TotalSkip = 0;
-  U32 _ITConds = 0, _ITLeft = 0;
+  std::vector<U32> _aITPending;  // instructions of the IT block being traced, not yet seen
+  size_t _ITPendingHead = 0;
 
   // High speed sampling.
   bool _HSSOn = false;

@@ -222,3 +222,51 @@ TEST_F(SimulatorDevice, SpeedChangeWhileConnectedReachesTheProbe) {
   EXPECT_EQ(Config.UseMaxSpeed, 0);
   EXPECT_TRUE(pDevice->GetTarvikSettings().contains("Speed=\"4000 kHz\""));
 }
+
+// A project that names its device and connects reaches that core on the first connect: the session
+// opens the probe layer before it sends the device name. CPUID as QEMU 7.2 reports it for the same
+// cores (qemu-system-arm -M microbit, mps2-an385, mps2-an386; gdb-multiarch "x/wx 0xE000ED00").
+TEST_F(SimulatorDevice, TheFirstConnectReachesTheChosenCore) {
+  struct CASE {
+    const char* sDevice;
+    U32 CpuId;
+    int Family;
+  } aCases[] = {{"Simulator Cortex-M0", 0x410CC200u, DF_CORTEX_M0},
+                {"Simulator Cortex-M3", 0x410FC231u, DF_CORTEX_M3},
+                {"Simulator Cortex-M4", 0x410FC240u, DF_CORTEX_M4}};
+  for (const CASE& C : aCases) {
+    SCOPED_TRACE(C.sDevice);
+    ASSERT_EQ(pDevice->ScheduleSetConfigParam(DCP_DEVICE_NAME, C.sDevice), 0);
+    ASSERT_EQ(pDevice->ScheduleConnect(CM_ATTACH_HALT), 0);
+    ASSERT_TRUE(PumpUntil([&] {
+      return Recorder.Calls.contains(QString("ConnectDone %1").arg(CM_ATTACH_HALT));
+    })) << Recorder.Calls.join("; ").toStdString();
+    U32 CpuId = 0;
+    EXPECT_EQ(pDevice->ReadWord(0xE000ED00, &CpuId), 0);
+    EXPECT_EQ(CpuId, C.CpuId);
+    EXPECT_EQ(pDevice->GetCoreFamily(), C.Family);
+    ASSERT_EQ(pDevice->ScheduleDisconnect(), 0);
+    ASSERT_TRUE(PumpUntil([&] { return !pDevice->IsConnected(); }));
+    Recorder.Calls.clear();
+  }
+}
+
+TEST(SimulatorDeviceChoice, AConnectedLayerKeepsItsDeviceAndSaysWhy) {
+  PROBE_ResetLayer();
+  char acOut[256] = {};
+  ASSERT_EQ(TARVIKARM_ExecCommand("device=Simulator Cortex-M3", acOut, sizeof(acOut)), 0) << acOut;
+  ASSERT_EQ(TARVIKARM_Open(), nullptr);
+  // Chosen again while open: the layer turns to the new core before the connect.
+  ASSERT_EQ(TARVIKARM_ExecCommand("device=Simulator Cortex-M0", acOut, sizeof(acOut)), 0) << acOut;
+  ASSERT_EQ(TARVIKARM_Connect(), 0);
+  U32 CpuId = 0;
+  EXPECT_EQ(TARVIKARM_ReadMemEx(0xE000ED00, 4, &CpuId, 4), 4);
+  EXPECT_EQ(CpuId, 0x410CC200u);
+  EXPECT_NE(TARVIKARM_ExecCommand("device=Simulator Cortex-M4", acOut, sizeof(acOut)), 0);
+  EXPECT_STREQ(acOut,
+               "device \"Simulator Cortex-M4\" can't be chosen while connected to \"Simulator Cortex-M0\"; "
+               "disconnect first");
+  EXPECT_EQ(TARVIKARM_ReadMemEx(0xE000ED00, 4, &CpuId, 4), 4);
+  EXPECT_EQ(CpuId, 0x410CC200u);
+  PROBE_ResetLayer();
+}

@@ -39,7 +39,6 @@ INSTANTIATE_TEST_SUITE_P(Programs, SimRunsToExit,
                                          RUN_CASE{"Simulator Cortex-M4", "itm-O2"},
                                          RUN_CASE{"Simulator Cortex-M4", "systick-O0"},
                                          RUN_CASE{"Simulator Cortex-M4", "systick-O2"},
-                                         RUN_CASE{"Simulator Cortex-M0", "systick-m0-O2"},
-                                         RUN_CASE{"Simulator Cortex-M4", "bench-O2"}));
+                                         RUN_CASE{"Simulator Cortex-M0", "systick-m0-O2"}));
 
 }  // namespace
