@@ -260,6 +260,8 @@ class CDevice : public QThread {
   void _SetErrorMsg(int Area, const QString& sText);
   int _NotAvailable(DEVICE_JOB* pJob);
   int _RunMemoryJob(DEVICE_JOB* pJob);
+  int _ReadMemOnce(U32 Addr, U32 nBytes, I8 AW, U32 Flags, U8* paData);
+  int _WriteMemOnce(U32 Addr, U32 nBytes, I8 AW, const U8* paData);
   bool _CanAccessCPR(const ARM_CPR* pReg, const char* sWhat);
 
   // Device log messages, posted to the main thread as events.
