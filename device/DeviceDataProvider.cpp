@@ -2,6 +2,7 @@
 // reads that fill them and the events that empty them.
 #include "device/DeviceDataProvider.h"
 
+#include <QCoreApplication>
 #include <QThread>
 #include <algorithm>
 #include <atomic>
@@ -593,6 +594,62 @@ int CDeviceDataProvider::ReadMemSync(U32 Addr, U32 nBytes, U32 AccessWidth, U8* 
   return Result();
 }
 
+int CDeviceDataProvider::ReadMemWait(U32 Addr, U32 nBytes, U32 ChunkSize, U32 AccessWidth, U32 Flags,
+                                     U8* pData, U8* paStatus) {
+  CDevice* pDevice = _Device();
+  if (pDevice == nullptr || nBytes == 0 || nBytes > kMaxJobDataLen || pData == nullptr ||
+      paStatus == nullptr) {
+    return -1;
+  }
+  memset(pData, 0, nBytes);
+  memset(paStatus, 1, nBytes);
+  WAITED_READ Waited{++_LastWaitToken, nBytes, pData, paStatus};
+  DEVICE_JOB Job;
+  memset(&Job, 0, sizeof(Job));
+  Job.Type = JT_READ_MEM;
+  Job.Flags = JOB_FLAG_KEEP;  // what a command asked for is read even if the target halts meanwhile
+  Job.aParam[0] = Addr;
+  Job.aParam[1] = nBytes;
+  Job.aParam[2] = ChunkSize;
+  Job.aParam[3] = _ResolveWidth(AccessWidth);
+  Job.aParam[4] = Flags & ~kFlagBypassMirror;
+  Job.aResult[2] = I64(Waited.Token);  // the job does not touch it; its completion is known by it
+  if (AttachJobData(&Job, 0, nBytes, nullptr) < 0 || AttachJobData(&Job, 1, nBytes, nullptr) < 0) {
+    FreeJobData(&Job);
+    return -1;
+  }
+  if (pDevice->ScheduleJob(&Job) < 0) {
+    return -1;
+  }
+  _apWaitedRead.push_back(&Waited);
+  using namespace std::chrono;
+  const auto Start = steady_clock::now();
+  const int LimitMS = JobTypeToTimeoutMS(JT_READ_MEM);
+  while (!Waited.Ended && pDevice->IsThreadRunning()) {
+    const int ElapsedMS = int(duration_cast<milliseconds>(steady_clock::now() - Start).count());
+    if (ElapsedMS >= LimitMS) {
+      LogMessage("Timeout while waiting for Job JT_READ_MEM", MSG_WARNING | MSG_TO_STDOUT | MSG_TO_LOGFILE);
+      break;
+    }
+    // The oldest pending read may be another one; its end is a moment to look at the events again.
+    if (pDevice->WaitForJob(JT_READ_MEM, true, LimitMS - ElapsedMS) != 0) {
+      QCoreApplication::processEvents();
+      QThread::yieldCurrentThread();
+    }
+    DispatchDeviceEvents(10);
+  }
+  std::erase(_apWaitedRead, &Waited);  // a completion after the time-out must not write here
+  if (!Waited.Ended) {
+    memset(pData, 0, nBytes);
+    memset(paStatus, 1, nBytes);
+    return -1;
+  }
+  if (!Waited.Done) {
+    return 1;
+  }
+  return std::all_of(paStatus, paStatus + nBytes, [](U8 b) { return b == 0; }) ? 0 : 1;
+}
+
 // ---------------------------------------------------------------------------------------------------
 // Register reads
 
@@ -870,6 +927,18 @@ void CDeviceDataProvider::OnDeviceJobDone(DEVICE_JOB* pJob) {
 void CDeviceDataProvider::_OnReadMemResult(DEVICE_JOB* pJob) {
   const U32 Addr = U32(pJob->aParam[0]);
   const U32 nBytes = U32(pJob->aParam[1]);
+  const bool HasData =
+      pJob->apData[0] && pJob->apData[1] && pJob->aDataLen[0] >= nBytes && pJob->aDataLen[1] >= nBytes;
+  for (WAITED_READ* pWaited : _apWaitedRead) {
+    if (pJob->aResult[2] == I64(pWaited->Token) && !pWaited->Ended && pWaited->nBytes == nBytes) {
+      pWaited->Ended = true;
+      pWaited->Done = pJob->Status == JOB_STATUS_DONE && HasData;
+      if (pWaited->Done) {
+        memcpy(pWaited->pData, pJob->apData[0], nBytes);
+        memcpy(pWaited->paStatus, pJob->apData[1], nBytes);
+      }
+    }
+  }
   auto It = std::find(_aMemJob.begin(), _aMemJob.end(), std::make_pair(Addr, nBytes));
   if (It != _aMemJob.end()) {
     _aMemJob.erase(It);
@@ -877,8 +946,6 @@ void CDeviceDataProvider::_OnReadMemResult(DEVICE_JOB* pJob) {
   if (!_IsConnected() || nBytes == 0 || _Wraps(Addr, nBytes)) {
     return;
   }
-  const bool HasData =
-      pJob->apData[0] && pJob->apData[1] && pJob->aDataLen[0] >= nBytes && pJob->aDataLen[1] >= nBytes;
   if (pJob->Status == JOB_STATUS_DONE && HasData) {
     _Store(Addr, nBytes, pJob->apData[0], pJob->apData[1]);
     _ServeRequests(REQ_MEM);

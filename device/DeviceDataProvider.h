@@ -66,6 +66,12 @@ class CDeviceDataProvider : public CDeviceEventListener {
   // times out is logged and may still land in the mirror later.
   int ReadMemSync(U32 Addr, U32 nBytes, U32 AccessWidth, U8* pData, U8* paStatus = nullptr);
 
+  // The read of a command: exactly [Addr, Addr + nBytes), in one JT_READ_MEM job that no halt or flush
+  // cancels, waited for as a script call waits for its job (pumping events) for at most the job's limit.
+  // Data and one status byte per data byte (0 good) go to pData and paStatus. 0 when every byte is good,
+  // 1 when some are not, -1 when the job did not end in time or could not be filed.
+  int ReadMemWait(U32 Addr, U32 nBytes, U32 ChunkSize, U32 AccessWidth, U32 Flags, U8* pData, U8* paStatus);
+
   // Registers by the probe's index (below kNumRegs, at most 63 at once).
   int ReadRegsAsync(CDeviceEventListener* pListener, U32 Cnt, const U32* paTarvikRegIdx);
   // 0 with the value, or 1 when the register could not be read in time.
@@ -161,6 +167,16 @@ class CDeviceDataProvider : public CDeviceEventListener {
   // Pumps device events until Status() is MS_VALID or MS_ERROR; -1 and sWarning after kSyncWaitMS.
   int _WaitFor(const std::function<U8()>& Status, const char* sWarning);
 
+  // A command read waiting for its job, found again by the token the job carries.
+  struct WAITED_READ {
+    U64 Token;
+    U32 nBytes;
+    U8* pData;
+    U8* paStatus;
+    bool Ended = false;
+    bool Done = false;
+  };
+
   void _OnReadMemResult(DEVICE_JOB* pJob);
   void _OnReadRegResult(DEVICE_JOB* pJob);
   void _OnReadRegsResult(DEVICE_JOB* pJob);
@@ -177,4 +193,6 @@ class CDeviceDataProvider : public CDeviceEventListener {
   // state change must not throw them away.
   std::vector<I64> _aStateRegVals;
   int _DefaultAccessWidth = 0;
+  std::vector<WAITED_READ*> _apWaitedRead;
+  U64 _LastWaitToken = 0;
 };
