@@ -66,6 +66,9 @@ struct CDeviceDataProvider::ANSWER {
   std::vector<I64> aRegVal;  // -1 for a register that could not be read
   ARM_CPR CPR = {};
   I64 CPRValue = -1;
+  ELF_SYM_LOC Loc = {};
+  U8 aLocData[8] = {};
+  bool LocGood = false;
 };
 
 namespace {
@@ -394,6 +397,8 @@ bool CDeviceDataProvider::REQUEST::IsSameAs(const REQUEST& r) const {
       return aRegIdx == r.aRegIdx;
     case REQ_CPR:
       return memcmp(&CPR, &r.CPR, sizeof(CPR)) == 0;
+    case REQ_LOC:
+      return nBytes == r.nBytes && memcmp(&Loc, &r.Loc, sizeof(Loc)) == 0;
   }
   return false;
 }
@@ -415,6 +420,8 @@ bool CDeviceDataProvider::_IsComplete(const REQUEST& r) const {
       return _RegsStatus(r.aRegIdx) <= MS_ERROR;
     case REQ_CPR:
       return PeekCPR(&r.CPR) <= MS_ERROR;
+    case REQ_LOC:
+      return _LocStatus(r.Loc, r.nBytes) <= MS_ERROR;
   }
   return true;
 }
@@ -444,6 +451,11 @@ CDeviceDataProvider::ANSWER CDeviceDataProvider::_MakeAnswer(const REQUEST& r) c
       a.CPRValue = PeekCPR(&r.CPR, &Value) == MS_VALID ? I64(Value) : -1;
       break;
     }
+    case REQ_LOC:
+      a.Loc = r.Loc;
+      a.nBytes = r.nBytes;
+      a.LocGood = _PeekLoc(r.Loc, r.nBytes, a.aLocData);
+      break;
   }
   return a;
 }
@@ -471,6 +483,16 @@ void CDeviceDataProvider::_Deliver(const ANSWER& a) {
       a.pListener->OnDeviceReadCPRDone(&CPR, a.CPRValue);
       break;
     }
+    case REQ_LOC: {
+      U8 aData[8];
+      memcpy(aData, a.aLocData, sizeof(aData));
+      if (a.LocGood) {
+        a.pListener->OnDeviceReadLocDone(a.Loc, a.nBytes, aData);
+      } else {
+        a.pListener->OnDeviceReadLocFailed(a.Loc, a.nBytes);
+      }
+      break;
+    }
   }
 }
 
@@ -482,7 +504,8 @@ void CDeviceDataProvider::_ServeRequests(int Kind) {
   for (size_t i = 0; i < _aRequest.size(); ++i) {
     REQUEST& r = _aRequest[i];
     bool Leaves = false;
-    if (Kind < 0 || r.Kind == REQUEST_KIND(Kind)) {
+    // A location lies in the memory or the register mirror, so any result may complete it.
+    if (Kind < 0 || r.Kind == REQUEST_KIND(Kind) || r.Kind == REQ_LOC) {
       if (r.pListener == this) {
         Leaves = true;  // a synchronous read watches the mirror itself
       } else if (_IsComplete(r)) {
@@ -648,6 +671,209 @@ int CDeviceDataProvider::ReadMemWait(U32 Addr, U32 nBytes, U32 ChunkSize, U32 Ac
     return 1;
   }
   return std::all_of(paStatus, paStatus + nBytes, [](U8 b) { return b == 0; }) ? 0 : 1;
+}
+
+// ---------------------------------------------------------------------------------------------------
+// Locations
+
+namespace {
+
+// The value of a location that needs no target (a constant, or a value that is its own address or
+// constant), as the device reads it.
+bool _ImplicitLocValue(const ELF_SYM_LOC& Loc, U64* pValue) {
+  if (Loc.kind == ELF_LOC_CONST || (Loc.kind == ELF_LOC_STACK_VALUE && Loc.baseKind == ELF_LOC_CONST)) {
+    *pValue = Loc.value;
+    return true;
+  }
+  if (Loc.kind == ELF_LOC_STACK_VALUE && Loc.baseKind == ELF_LOC_ADDR) {
+    *pValue = Loc.baseAddr;
+    return true;
+  }
+  return false;
+}
+
+bool _IsMemoryLoc(const ELF_SYM_LOC& Loc) {
+  return Loc.kind == ELF_LOC_ADDR || Loc.kind == ELF_LOC_ADDR_OFFSET;
+}
+
+bool _IsRegisterLoc(const ELF_SYM_LOC& Loc) {
+  return Loc.kind == ELF_LOC_REG || Loc.kind == ELF_LOC_REG_VALUE;
+}
+
+}  // namespace
+
+int CDeviceDataProvider::_LocRegSlots(const ELF_SYM_LOC& Loc, U32 nBytes, U32* paIdx) const {
+  CDevice* pDevice = _Device();
+  if (pDevice == nullptr || !_IsRegisterLoc(Loc) || Loc.reg == ELF_REG_UNSPECIFIED ||
+      Loc.reg == ELF_REG_SAME_AS_CALLER) {
+    return 0;
+  }
+  const int NumRegs = nBytes > 4 ? 2 : 1;  // above 4 bytes the pair Rn, Rn+1, as the device reads it
+  if (NumRegs == 2 && Loc.reg + 1 >= U32(REG_PC)) {
+    return 0;
+  }
+  for (int i = 0; i < NumRegs; ++i) {
+    const int Idx = pDevice->GetTarvikRegIdx(Loc.reg + U32(i));
+    if (Idx < 0 || U32(Idx) >= kNumRegs) {
+      return 0;
+    }
+    paIdx[i] = U32(Idx);
+  }
+  return NumRegs;
+}
+
+U8 CDeviceDataProvider::_LocStatus(const ELF_SYM_LOC& Loc, U32 nBytes) const {
+  U64 Value = 0;
+  if (_ImplicitLocValue(Loc, &Value)) {
+    return MS_VALID;
+  }
+  if (_IsMemoryLoc(Loc)) {
+    return _RangeStatus(Loc.addr, nBytes);
+  }
+  U32 aIdx[2];
+  const int NumRegs = _LocRegSlots(Loc, nBytes, aIdx);
+  if (NumRegs == 0) {
+    return MS_ERROR;
+  }
+  return _RegsStatus(std::vector<U32>(aIdx, aIdx + NumRegs));
+}
+
+void CDeviceDataProvider::_SetLocStatus(const ELF_SYM_LOC& Loc, U32 nBytes, U8 Status) {
+  if (_IsMemoryLoc(Loc)) {
+    _SetStatus(Loc.addr, nBytes, Status);
+    return;
+  }
+  U32 aIdx[2];
+  const int NumRegs = _LocRegSlots(Loc, nBytes, aIdx);
+  for (int i = 0; i < NumRegs; ++i) {
+    _aReg[aIdx[i]].Status = Status;
+    if (Status == MS_ERROR) {
+      _aReg[aIdx[i]].Value = 0;
+    }
+  }
+}
+
+void CDeviceDataProvider::_StoreLoc(const ELF_SYM_LOC& Loc, U32 nBytes, const U8* paData, bool Good) {
+  if (!Good) {
+    _SetLocStatus(Loc, nBytes, MS_ERROR);
+    return;
+  }
+  if (_IsMemoryLoc(Loc)) {
+    const std::vector<U8> aStatus(nBytes, 0);
+    _Store(Loc.addr, nBytes, paData, aStatus.data());
+    return;
+  }
+  U32 aIdx[2];
+  const int NumRegs = _LocRegSlots(Loc, nBytes, aIdx);
+  for (int i = 0; i < NumRegs; ++i) {
+    U32 Word = 0;
+    memcpy(&Word, paData + 4 * i, std::min<U32>(4, nBytes - 4 * U32(i)));
+    if (nBytes >= 4 * U32(i) + 4) {
+      _StoreReg(aIdx[i], Word);  // a register is only known whole
+    }
+  }
+}
+
+bool CDeviceDataProvider::_PeekLoc(const ELF_SYM_LOC& Loc, U32 nBytes, U8* paData) const {
+  memset(paData, 0, nBytes);
+  U64 Value = 0;
+  if (_ImplicitLocValue(Loc, &Value)) {
+    memcpy(paData, &Value, nBytes);
+    return true;
+  }
+  if (_IsMemoryLoc(Loc)) {
+    return PeekMem(Loc.addr, nBytes, paData) == MS_VALID;
+  }
+  U32 aIdx[2];
+  const int NumRegs = _LocRegSlots(Loc, nBytes, aIdx);
+  for (int i = 0; i < NumRegs; ++i) {
+    U32 Word = 0;
+    if (PeekReg(aIdx[i], &Word) != MS_VALID) {
+      memset(paData, 0, nBytes);
+      return false;
+    }
+    memcpy(paData + 4 * i, &Word, std::min<U32>(4, nBytes - 4 * U32(i)));
+  }
+  return NumRegs > 0;
+}
+
+int CDeviceDataProvider::ReadLocAsync(CDeviceEventListener* pListener, const ELF_SYM_LOC* pLoc, U32 nBytes) {
+  if (pListener == nullptr || pLoc == nullptr || nBytes == 0 || nBytes > 8) {
+    return READ_BAD_ARGS;
+  }
+  REQUEST r(REQ_LOC, pListener);
+  r.Loc = *pLoc;
+  r.nBytes = nBytes;
+  const bool OnTarget = _IsMemoryLoc(*pLoc) || _IsRegisterLoc(*pLoc);
+  if (!OnTarget) {
+    _Deliver(_MakeAnswer(r));  // a constant, or nothing that can be read: answered now
+    return READ_ANSWERED;
+  }
+  if (_IsStateValid()) {
+    const U8 Status = _LocStatus(*pLoc, nBytes);
+    if (Status <= MS_ERROR) {
+      _Deliver(_MakeAnswer(r));
+      return READ_ANSWERED;
+    }
+    if (Status == MS_PENDING) {
+      _AddRequest(std::move(r));
+      return READ_LATER;
+    }
+  } else {
+    _SetLocStatus(*pLoc, nBytes, MS_UNKNOWN);
+  }
+  _AddRequest(std::move(r));
+  _SetLocStatus(*pLoc, nBytes, MS_PENDING);
+  CDevice* pDevice = _Device();
+  // A register is kept in the mirror only whole, so a register location is read in whole registers.
+  const U32 JobBytes = _IsRegisterLoc(*pLoc) ? (nBytes > 4 ? 8 : 4) : nBytes;
+  if (pDevice == nullptr || pDevice->ScheduleReadLoc(*pLoc, JobBytes) < 0) {
+    _SetLocStatus(*pLoc, nBytes, MS_ERROR);
+    _ServeRequests(REQ_LOC);
+    return READ_ANSWERED;
+  }
+  return READ_LATER;
+}
+
+int CDeviceDataProvider::ReadLocSync(const ELF_SYM_LOC* pLoc, U32 nBytes, U8* paData) {
+  if (pLoc == nullptr || paData == nullptr || nBytes == 0 || nBytes > 8) {
+    return 1;
+  }
+  U64 Value = 0;
+  if (_ImplicitLocValue(*pLoc, &Value)) {
+    return _PeekLoc(*pLoc, nBytes, paData) ? 0 : 1;
+  }
+  if (_IsStateValid()) {
+    if (_LocStatus(*pLoc, nBytes) <= MS_ERROR) {
+      return _PeekLoc(*pLoc, nBytes, paData) ? 0 : 1;
+    }
+  } else if (_IsMemoryLoc(*pLoc)) {
+    _SetStatus(pLoc->addr, nBytes, MS_UNKNOWN);
+  }
+  CDevice* pDevice = _Device();
+  U8 aData[8] = {};
+  const bool Good = pDevice != nullptr && pDevice->ReadLoc(*pLoc, nBytes, aData) == 0;
+  _StoreLoc(*pLoc, nBytes, aData, Good);
+  memcpy(paData, aData, nBytes);
+  return Good ? 0 : 1;
+}
+
+void CDeviceDataProvider::_OnReadLocResult(DEVICE_JOB* pJob) {
+  if (!_IsConnected() || pJob->apData[0] == nullptr || pJob->aDataLen[0] < sizeof(ELF_SYM_LOC)) {
+    return;
+  }
+  ELF_SYM_LOC Loc;
+  memcpy(&Loc, pJob->apData[0], sizeof(Loc));
+  const U32 nBytes = U32(pJob->aParam[0]);
+  if (nBytes == 0 || nBytes > 8) {
+    return;
+  }
+  U8 aData[8];
+  memcpy(aData, &pJob->aResult[0], sizeof(aData));
+  // Registers are kept only for the halt in force, like the register reads.
+  const bool Good = pJob->Status == JOB_STATUS_DONE && (_IsMemoryLoc(Loc) || _IsStateValid());
+  _StoreLoc(Loc, nBytes, aData, Good);
+  _ServeRequests(-1);
 }
 
 // ---------------------------------------------------------------------------------------------------
@@ -917,6 +1143,9 @@ void CDeviceDataProvider::OnDeviceJobDone(DEVICE_JOB* pJob) {
       break;
     case JT_READ_CP_REG:
       _OnReadCPRResult(pJob);
+      break;
+    case JT_READ_LOCATION:
+      _OnReadLocResult(pJob);
       break;
     default:
       break;
