@@ -178,6 +178,11 @@ class CDevice : public QThread {
   int WriteLoc(const ELF_SYM_LOC& Loc, U32 nBytes, const U8* paData);
   // 4 bytes of each location into paOutVals, -1 where it could not be read. The number read.
   int ReadLocs(U32 Cnt, const ELF_SYM_LOC* paDataLocs, I64* paOutVals);
+  // The logical registers a register location of nBytes covers: one up to 4 bytes, above that the pair
+  // Rn, Rn+1 with the low word in Rn, as 64-bit values are kept in core registers. The count, or one of
+  // the LOC_REGS_ codes.
+  enum : int { LOC_REGS_NONE = -1, LOC_REGS_NO_VALUE = -2, LOC_REGS_NO_PAIR = -3 };
+  int GetLocRegisters(const ELF_SYM_LOC& Loc, U32 nBytes, U32* paLogical) const;
   int BeginDownload();
   int EndDownload(bool DoHalt = false);
 

@@ -655,7 +655,11 @@ int CDeviceDataProvider::ReadMemWait(U32 Addr, U32 nBytes, U32 ChunkSize, U32 Ac
       break;
     }
     // The oldest pending read may be another one; its end is a moment to look at the events again.
-    if (pDevice->WaitForJob(JT_READ_MEM, true, LimitMS - ElapsedMS) != 0) {
+    const int r = pDevice->WaitForJob(JT_READ_MEM, true, LimitMS - ElapsedMS);
+    if (r < 0) {
+      break;  // the time-out is in the log
+    }
+    if (r > 0) {
       QCoreApplication::processEvents();
       QThread::yieldCurrentThread();
     }
@@ -676,58 +680,26 @@ int CDeviceDataProvider::ReadMemWait(U32 Addr, U32 nBytes, U32 ChunkSize, U32 Ac
 // ---------------------------------------------------------------------------------------------------
 // Locations
 
-namespace {
-
-// The value of a location that needs no target (a constant, or a value that is its own address or
-// constant), as the device reads it.
-bool _ImplicitLocValue(const ELF_SYM_LOC& Loc, U64* pValue) {
-  if (Loc.kind == ELF_LOC_CONST || (Loc.kind == ELF_LOC_STACK_VALUE && Loc.baseKind == ELF_LOC_CONST)) {
-    *pValue = Loc.value;
-    return true;
-  }
-  if (Loc.kind == ELF_LOC_STACK_VALUE && Loc.baseKind == ELF_LOC_ADDR) {
-    *pValue = Loc.baseAddr;
-    return true;
-  }
-  return false;
-}
-
-bool _IsMemoryLoc(const ELF_SYM_LOC& Loc) {
-  return Loc.kind == ELF_LOC_ADDR || Loc.kind == ELF_LOC_ADDR_OFFSET;
-}
-
-bool _IsRegisterLoc(const ELF_SYM_LOC& Loc) {
-  return Loc.kind == ELF_LOC_REG || Loc.kind == ELF_LOC_REG_VALUE;
-}
-
-}  // namespace
-
 int CDeviceDataProvider::_LocRegSlots(const ELF_SYM_LOC& Loc, U32 nBytes, U32* paIdx) const {
   CDevice* pDevice = _Device();
-  if (pDevice == nullptr || !_IsRegisterLoc(Loc) || Loc.reg == ELF_REG_UNSPECIFIED ||
-      Loc.reg == ELF_REG_SAME_AS_CALLER) {
-    return 0;
-  }
-  const int NumRegs = nBytes > 4 ? 2 : 1;  // above 4 bytes the pair Rn, Rn+1, as the device reads it
-  if (NumRegs == 2 && Loc.reg + 1 >= U32(REG_PC)) {
-    return 0;
-  }
+  U32 aLogical[2];
+  const int NumRegs = pDevice ? pDevice->GetLocRegisters(Loc, nBytes, aLogical) : 0;
   for (int i = 0; i < NumRegs; ++i) {
-    const int Idx = pDevice->GetTarvikRegIdx(Loc.reg + U32(i));
+    const int Idx = pDevice->GetTarvikRegIdx(aLogical[i]);
     if (Idx < 0 || U32(Idx) >= kNumRegs) {
       return 0;
     }
     paIdx[i] = U32(Idx);
   }
-  return NumRegs;
+  return std::max(NumRegs, 0);
 }
 
 U8 CDeviceDataProvider::_LocStatus(const ELF_SYM_LOC& Loc, U32 nBytes) const {
   U64 Value = 0;
-  if (_ImplicitLocValue(Loc, &Value)) {
+  if (GetImplicitLocValue(Loc, &Value)) {
     return MS_VALID;
   }
-  if (_IsMemoryLoc(Loc)) {
+  if (IsMemoryLoc(Loc)) {
     return _RangeStatus(Loc.addr, nBytes);
   }
   U32 aIdx[2];
@@ -739,7 +711,7 @@ U8 CDeviceDataProvider::_LocStatus(const ELF_SYM_LOC& Loc, U32 nBytes) const {
 }
 
 void CDeviceDataProvider::_SetLocStatus(const ELF_SYM_LOC& Loc, U32 nBytes, U8 Status) {
-  if (_IsMemoryLoc(Loc)) {
+  if (IsMemoryLoc(Loc)) {
     _SetStatus(Loc.addr, nBytes, Status);
     return;
   }
@@ -758,7 +730,7 @@ void CDeviceDataProvider::_StoreLoc(const ELF_SYM_LOC& Loc, U32 nBytes, const U8
     _SetLocStatus(Loc, nBytes, MS_ERROR);
     return;
   }
-  if (_IsMemoryLoc(Loc)) {
+  if (IsMemoryLoc(Loc)) {
     const std::vector<U8> aStatus(nBytes, 0);
     _Store(Loc.addr, nBytes, paData, aStatus.data());
     return;
@@ -777,11 +749,11 @@ void CDeviceDataProvider::_StoreLoc(const ELF_SYM_LOC& Loc, U32 nBytes, const U8
 bool CDeviceDataProvider::_PeekLoc(const ELF_SYM_LOC& Loc, U32 nBytes, U8* paData) const {
   memset(paData, 0, nBytes);
   U64 Value = 0;
-  if (_ImplicitLocValue(Loc, &Value)) {
+  if (GetImplicitLocValue(Loc, &Value)) {
     memcpy(paData, &Value, nBytes);
     return true;
   }
-  if (_IsMemoryLoc(Loc)) {
+  if (IsMemoryLoc(Loc)) {
     return PeekMem(Loc.addr, nBytes, paData) == MS_VALID;
   }
   U32 aIdx[2];
@@ -804,7 +776,7 @@ int CDeviceDataProvider::ReadLocAsync(CDeviceEventListener* pListener, const ELF
   REQUEST r(REQ_LOC, pListener);
   r.Loc = *pLoc;
   r.nBytes = nBytes;
-  const bool OnTarget = _IsMemoryLoc(*pLoc) || _IsRegisterLoc(*pLoc);
+  const bool OnTarget = IsMemoryLoc(*pLoc) || IsRegisterLoc(*pLoc);
   if (!OnTarget) {
     _Deliver(_MakeAnswer(r));  // a constant, or nothing that can be read: answered now
     return READ_ANSWERED;
@@ -826,7 +798,7 @@ int CDeviceDataProvider::ReadLocAsync(CDeviceEventListener* pListener, const ELF
   _SetLocStatus(*pLoc, nBytes, MS_PENDING);
   CDevice* pDevice = _Device();
   // A register is kept in the mirror only whole, so a register location is read in whole registers.
-  const U32 JobBytes = _IsRegisterLoc(*pLoc) ? (nBytes > 4 ? 8 : 4) : nBytes;
+  const U32 JobBytes = IsRegisterLoc(*pLoc) ? (nBytes > 4 ? 8 : 4) : nBytes;
   if (pDevice == nullptr || pDevice->ScheduleReadLoc(*pLoc, JobBytes) < 0) {
     _SetLocStatus(*pLoc, nBytes, MS_ERROR);
     _ServeRequests(REQ_LOC);
@@ -840,14 +812,14 @@ int CDeviceDataProvider::ReadLocSync(const ELF_SYM_LOC* pLoc, U32 nBytes, U8* pa
     return 1;
   }
   U64 Value = 0;
-  if (_ImplicitLocValue(*pLoc, &Value)) {
+  if (GetImplicitLocValue(*pLoc, &Value)) {
     return _PeekLoc(*pLoc, nBytes, paData) ? 0 : 1;
   }
   if (_IsStateValid()) {
     if (_LocStatus(*pLoc, nBytes) <= MS_ERROR) {
       return _PeekLoc(*pLoc, nBytes, paData) ? 0 : 1;
     }
-  } else if (_IsMemoryLoc(*pLoc)) {
+  } else if (IsMemoryLoc(*pLoc)) {
     _SetStatus(pLoc->addr, nBytes, MS_UNKNOWN);
   }
   CDevice* pDevice = _Device();
@@ -871,7 +843,7 @@ void CDeviceDataProvider::_OnReadLocResult(DEVICE_JOB* pJob) {
   U8 aData[8];
   memcpy(aData, &pJob->aResult[0], sizeof(aData));
   // Registers are kept only for the halt in force, like the register reads.
-  const bool Good = pJob->Status == JOB_STATUS_DONE && (_IsMemoryLoc(Loc) || _IsStateValid());
+  const bool Good = pJob->Status == JOB_STATUS_DONE && (IsMemoryLoc(Loc) || _IsStateValid());
   _StoreLoc(Loc, nBytes, aData, Good);
   _ServeRequests(-1);
 }

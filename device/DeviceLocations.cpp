@@ -11,32 +11,6 @@ namespace {
 constexpr U32 kMaxLocBytes = 8;
 constexpr U32 kNumCoreRegs = 17;  // R0..R15 and xPSR: the logical registers the register cache holds
 
-// The value of a location that needs no target: a constant, or the result of a location whose value
-// is its address or constant. False for any other location.
-bool _ImplicitValue(const ELF_SYM_LOC& Loc, U64* pValue) {
-  if (Loc.kind == ELF_LOC_CONST) {
-    *pValue = Loc.value;
-    return true;
-  }
-  if (Loc.kind == ELF_LOC_STACK_VALUE && Loc.baseKind == ELF_LOC_CONST) {
-    *pValue = Loc.value;
-    return true;
-  }
-  if (Loc.kind == ELF_LOC_STACK_VALUE && Loc.baseKind == ELF_LOC_ADDR) {
-    *pValue = Loc.baseAddr;
-    return true;
-  }
-  return false;
-}
-
-bool _IsMemoryLoc(const ELF_SYM_LOC& Loc) {
-  return Loc.kind == ELF_LOC_ADDR || Loc.kind == ELF_LOC_ADDR_OFFSET;
-}
-
-bool _IsRegisterLoc(const ELF_SYM_LOC& Loc) {
-  return Loc.kind == ELF_LOC_REG || Loc.kind == ELF_LOC_REG_VALUE;
-}
-
 // How a location names itself in messages.
 QString _RegText(U32 Reg) {
   if (Reg == ELF_REG_SAME_AS_CALLER) {
@@ -50,29 +24,39 @@ QString _RegText(U32 Reg) {
 
 }  // namespace
 
-// The registers a register location of nBytes covers: one up to 4 bytes, above that the pair Rn, Rn+1
-// with the low word in Rn, as 64-bit values are kept in core registers. -1 with a message when the
-// location names no register that can hold them.
-int CDevice::_LocRegisters(const char* sWhat, const ELF_SYM_LOC& Loc, U32 nBytes, U32* paLogical) {
+int CDevice::GetLocRegisters(const ELF_SYM_LOC& Loc, U32 nBytes, U32* paLogical) const {
+  if (!IsRegisterLoc(Loc)) {
+    return LOC_REGS_NONE;
+  }
   if (Loc.reg == ELF_REG_SAME_AS_CALLER || Loc.reg == ELF_REG_UNSPECIFIED) {
-    _LogDebugMsg(QString("%1: register %2 has no value of its own").arg(sWhat, _RegText(Loc.reg)));
-    return -1;
+    return LOC_REGS_NO_VALUE;
   }
   const int NumRegs = nBytes > 4 ? 2 : 1;
   if (NumRegs == 2 && Loc.reg + 1 >= U32(REG_PC)) {
+    return LOC_REGS_NO_PAIR;
+  }
+  for (int i = 0; i < NumRegs; ++i) {
+    paLogical[i] = Loc.reg + U32(i);
+    if (GetTarvikRegIdx(paLogical[i]) < 0) {
+      return LOC_REGS_NONE;
+    }
+  }
+  return NumRegs;
+}
+
+// GetLocRegisters with a message naming what is wrong with the location.
+int CDevice::_LocRegisters(const char* sWhat, const ELF_SYM_LOC& Loc, U32 nBytes, U32* paLogical) {
+  const int NumRegs = GetLocRegisters(Loc, nBytes, paLogical);
+  if (NumRegs == LOC_REGS_NO_VALUE) {
+    _LogDebugMsg(QString("%1: register %2 has no value of its own").arg(sWhat, _RegText(Loc.reg)));
+  } else if (NumRegs == LOC_REGS_NO_PAIR) {
     _LogWarnMsg(QString("%1: %2 bytes do not fit the register pair R%3, R%4")
                     .arg(sWhat)
                     .arg(nBytes)
                     .arg(Loc.reg)
                     .arg(Loc.reg + 1));
-    return -1;
-  }
-  for (int i = 0; i < NumRegs; ++i) {
-    paLogical[i] = Loc.reg + U32(i);
-    if (GetTarvikRegIdx(paLogical[i]) < 0) {
-      _LogWarnMsg(QString("%1: no register R%2 on this core").arg(sWhat).arg(paLogical[i]));
-      return -1;
-    }
+  } else if (NumRegs < 0) {
+    _LogWarnMsg(QString("%1: no register R%2 on this core").arg(sWhat).arg(Loc.reg));
   }
   return NumRegs;
 }
@@ -87,11 +71,11 @@ int CDevice::ReadLoc(const ELF_SYM_LOC& Loc, U32 nBytes, U8* paOutData) {
   }
   memset(paOutData, 0, nBytes);
   U64 Value = 0;
-  if (_ImplicitValue(Loc, &Value)) {
+  if (GetImplicitLocValue(Loc, &Value)) {
     memcpy(paOutData, &Value, nBytes);  // the value's bytes in the target's (little-endian) order
     return 0;
   }
-  if (_IsMemoryLoc(Loc)) {
+  if (IsMemoryLoc(Loc)) {
     U8 aStatus[kMaxLocBytes];
     if (ReadMem(Loc.addr, nBytes, 0, 0, 0, paOutData, aStatus) != int(nBytes)) {
       memset(paOutData, 0, nBytes);
@@ -99,7 +83,7 @@ int CDevice::ReadLoc(const ELF_SYM_LOC& Loc, U32 nBytes, U8* paOutData) {
     }
     return 0;
   }
-  if (!_IsRegisterLoc(Loc)) {
+  if (!IsRegisterLoc(Loc)) {
     _LogDebugMsg(QString("ReadLoc: a location of kind %1 is not read from the target").arg(Loc.kind));
     return -1;
   }
@@ -130,10 +114,10 @@ int CDevice::WriteLoc(const ELF_SYM_LOC& Loc, U32 nBytes, const U8* paData) {
     _LogWarnMsg(QString("WriteLoc: cannot write %1 bytes to a location (1 to 8)").arg(nBytes));
     return -1;
   }
-  if (_IsMemoryLoc(Loc)) {
+  if (IsMemoryLoc(Loc)) {
     return WriteMem(Loc.addr, nBytes, 0, 0, MEM_FLAG_DOWNLOAD, paData) == int(nBytes) ? 0 : -1;
   }
-  if (!_IsRegisterLoc(Loc)) {
+  if (!IsRegisterLoc(Loc)) {
     _LogWarnMsg(QString("WriteLoc: a location of kind %1 cannot be written").arg(Loc.kind));
     return -1;
   }

@@ -44,3 +44,27 @@ enum : U32 {
   ELF_REG_UNSPECIFIED = 1034,
   ELF_REG_SAME_AS_CALLER = 1035,
 };
+
+// Kinds whose value lies in memory at addr (the offset of kind 3 is the reader's to apply).
+inline bool IsMemoryLoc(const ELF_SYM_LOC& Loc) {
+  return Loc.kind == ELF_LOC_ADDR || Loc.kind == ELF_LOC_ADDR_OFFSET;
+}
+
+// Kinds whose value lies in register reg (the offset of kind 5 is the reader's to apply).
+inline bool IsRegisterLoc(const ELF_SYM_LOC& Loc) {
+  return Loc.kind == ELF_LOC_REG || Loc.kind == ELF_LOC_REG_VALUE;
+}
+
+// The value of a location that needs no target: a constant (also as the result of the location), or
+// an address that is itself the value. False for every other location.
+inline bool GetImplicitLocValue(const ELF_SYM_LOC& Loc, U64* pValue) {
+  if (Loc.kind == ELF_LOC_CONST || (Loc.kind == ELF_LOC_STACK_VALUE && Loc.baseKind == ELF_LOC_CONST)) {
+    *pValue = Loc.value;
+    return true;
+  }
+  if (Loc.kind == ELF_LOC_STACK_VALUE && Loc.baseKind == ELF_LOC_ADDR) {
+    *pValue = Loc.baseAddr;
+    return true;
+  }
+  return false;
+}

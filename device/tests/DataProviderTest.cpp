@@ -3,9 +3,11 @@
 // synchronous reads and the register mirror.
 #include <gtest/gtest.h>
 
+#include <QElapsedTimer>
 #include <QFile>
 #include <QTemporaryDir>
 #include <QThread>
+#include <QTimer>
 #include <chrono>
 #include <functional>
 #include <vector>
@@ -669,4 +671,36 @@ TEST_F(DataProvider, LocationsAreAnsweredFromTheMirrorOrByOneJob) {
   EXPECT_EQ(P->ReadLocAsync(&r, &Word, 9), CDeviceDataProvider::READ_BAD_ARGS);
   EXPECT_EQ(pDevice->ScheduleReadLoc(Word, 9), -1);
   EXPECT_EQ(pDevice->ScheduleWriteLoc(Word, 0, aNew), -1);
+}
+
+// A command's read is one job that a step does not cancel, waited for with the event loop running; when
+// the device never gets to it, it gives up at the read job's limit and a late answer goes nowhere.
+TEST_F(DataProvider, ACommandReadSurvivesAStepAndGivesUpAtTheReadLimit) {
+  HoldDeviceThread();
+  READER Window;
+  ASSERT_EQ(P->ReadMemAsync(&Window, 0x1000, 16), CDeviceDataProvider::READ_LATER);
+  // Run by the event loop while the command waits: a step, which cancels the queued reads.
+  QTimer::singleShot(0, [this] {
+    pDevice->ScheduleStepInst();
+    Fake().Release();
+  });
+  std::vector<U8> Data(16, 0xAA), Status(16, 0xAA);
+  EXPECT_EQ(P->ReadMemWait(0x1000, 16, 0, 0, 0, Data.data(), Status.data()), 0);
+  EXPECT_EQ(Data, InitialBytes(0x1000, 16));
+  EXPECT_EQ(Status, std::vector<U8>(16, 0));
+  EXPECT_EQ(Fake().nStep.load(), 1);
+  EXPECT_TRUE(Window.aMem.empty());  // the window's read was cancelled by the step
+
+  HoldDeviceThread();
+  QElapsedTimer Timer;
+  Timer.start();
+  EXPECT_EQ(P->ReadMemWait(0x2000, 16, 0, 0, 0, Data.data(), Status.data()), -1);
+  const qint64 WaitedMS = Timer.elapsed();
+  EXPECT_GE(WaitedMS, JobTypeToTimeoutMS(JT_READ_MEM));
+  EXPECT_LT(WaitedMS, JobTypeToTimeoutMS(JT_READ_MEM) + 2000);
+  EXPECT_EQ(Status, std::vector<U8>(16, 1));
+  std::fill(Data.begin(), Data.end(), U8(0xAA));
+  Fake().Release();
+  Settle();
+  EXPECT_EQ(Data, std::vector<U8>(16, 0xAA));
 }
