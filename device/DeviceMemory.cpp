@@ -164,6 +164,7 @@ int CDevice::ValidateMemoryAccessParams(bool Read, U32 Addr, U32 nBytes, I8 AW, 
 }
 
 int CDevice::ReadMemSimple(U32 Addr, U32 nBytes, I8 AW, U32 Flags, U8* paData, U8* paStatus) {
+  CTransferScope Scope;
   if (ValidateMemoryAccessParams(true, Addr, nBytes, AW, paData, paStatus) < 0) {
     return 0;
   }
@@ -292,6 +293,7 @@ int CDevice::ReadMem(U32 Addr, U32 nBytes, U32 ChunkSize, I8 AW, U32 Flags, U8* 
 }
 
 int CDevice::WriteMemSimple(U32 Addr, U32 nBytes, I8 AW, const U8* paData) {
+  CTransferScope Scope;
   if (_NeedsSplit(Addr, nBytes, AW)) {
     return _ForEachAlignedPiece(Addr, nBytes, U32(AW), [&](U32 Offset, U32 Size, U32 Width) {
       return WriteMemSimple(Addr + Offset, Size, I8(Width), paData + Offset);
