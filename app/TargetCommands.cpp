@@ -4,6 +4,7 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QSaveFile>
+#include <algorithm>
 #include <cstring>
 #include <vector>
 
@@ -11,6 +12,7 @@
 #include "app/actions/CommandConsole.h"
 #include "app/tables/SettingsTables.h"
 #include "device/Device.h"
+#include "device/DeviceDataProvider.h"
 #include "windows/Window.h"
 
 namespace {
@@ -64,6 +66,26 @@ bool _ArgU32(int Id, const QStringList& Args, int Index, U32* pValue) {
   }
   SetError(Id, "invalid parameter", Args.value(Index));
   return false;
+}
+
+// Reads the target for a command as a JT_READ_MEM job, waiting for it with events pumped, so that the
+// windows go on while a slow or silent target is read. True with every byte read; otherwise the row's
+// error names the first byte that was not.
+bool _ReadTarget(int Id, U32 Addr, U32 Size, U32 ChunkSize, U32 AccessWidth, U32 Flags, U8* pData,
+                 U8* paStatus) {
+  int r = CDeviceDataProvider::Instance()->ReadMemWait(Addr, Size, ChunkSize, AccessWidth, Flags, pData,
+                                                       paStatus);
+  if (r < 0) {
+    SetError(Id, "could not read memory",
+             QString("%1: no answer within %2 ms").arg(_Hex(Addr)).arg(JobTypeToTimeoutMS(JT_READ_MEM)));
+    return false;
+  }
+  if (r > 0) {
+    U32 First = U32(std::find(paStatus, paStatus + Size, U8(1)) - paStatus);
+    SetError(Id, "could not read memory", _Hex(Addr + std::min(First, Size - 1)));
+    return false;
+  }
+  return true;
 }
 
 }  // namespace
@@ -157,9 +179,7 @@ void CTargetCommands::_Read(const char* sRow, U32 Size) {
   }
   U8 aData[4] = {0};
   U8 aStatus[4] = {1, 1, 1, 1};
-  int Read = pDevice->ReadMem(Addr, Size, 0, I8(Size), 0, aData, aStatus);
-  if (Read != int(Size)) {
-    SetError(Id, "could not read memory", _Hex(Addr));
+  if (!_ReadTarget(Id, Addr, Size, 0, U32(Size), 0, aData, aStatus)) {
     return;
   }
   U32 Value = 0;
@@ -272,11 +292,8 @@ void CTargetCommands::OnActionTargetSaveMemoryTriggered() {
     return;
   }
   std::vector<U8> Data(Size), Status(Size, 1);
-  int Read = pDevice->ReadMem(Addr, Size, 0x1000, 0, CDevice::MEM_FLAG_ITEM_WISE_AFTER_SHORT, Data.data(),
-                              Status.data());
-  if (Read != int(Size)) {
-    U32 First = U32(std::find(Status.begin(), Status.end(), U8(1)) - Status.begin());
-    SetError(Id, "could not read memory", _Hex(Addr + First));
+  if (!_ReadTarget(Id, Addr, Size, 0x1000, 0, CDevice::MEM_FLAG_ITEM_WISE_AFTER_SHORT, Data.data(),
+                   Status.data())) {
     return;
   }
   // Written whole or not at all: an existing file stays as it was if anything goes wrong.

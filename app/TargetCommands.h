@@ -1,6 +1,6 @@
 // The commands that read and write the target directly: memory words, blocks and files, and core
-// registers by name. Reads answer at once (the probe layer serialises them with the device thread);
-// writes go through the device queue so that they are ordered with everything else.
+// registers by name. Memory reads are jobs that the command waits for with events pumped, bounded by the
+// job's limit; writes go through the device queue so that they are ordered with everything else.
 #pragma once
 
 #include <QObject>

@@ -8,6 +8,7 @@
 #include <mutex>
 #include <vector>
 
+#include "app/base/SymLoc.h"
 #include "app/base/Types.h"
 #include "debuginfo/DwarfTree.h"
 #include "debuginfo/ElfFile.h"
@@ -49,41 +50,6 @@ struct CAddrRange {
 typedef std::vector<CSrcLoc> CSrcLocs;
 typedef std::vector<U32> ELF_ADDR_LIST;
 typedef std::vector<ELF_SYM_HANDLE> ELF_SYM_LIST;
-
-// Where a value lives. Kinds: 0 none (shown as unavailable), 1 constant, 2 at addr, 3 at addr +
-// offset, 4 in reg, 5 value reg + offset, 6 at [base] + offset, 7..9 value SP/BP/CFA + offset,
-// 10..12 at SP/BP/CFA + offset, 13 parent value + offset, 14 at parent location + offset, 15 the
-// base location's value on function entry, 16 the base location's result is the value itself.
-struct ELF_SYM_LOC {
-  U32 kind;
-  U32 addr;
-  U32 reg;
-  I32 offset;
-  U32 baseKind;
-  U32 baseAddr;
-  U32 baseReg;
-  I32 baseOffset;
-  U64 value;
-};
-enum : U32 {
-  ELF_LOC_NONE = 0,
-  ELF_LOC_CONST = 1,
-  ELF_LOC_ADDR = 2,
-  ELF_LOC_ADDR_OFFSET = 3,
-  ELF_LOC_REG = 4,
-  ELF_LOC_REG_VALUE = 5,
-  ELF_LOC_AT_REG = 6,
-  ELF_LOC_SP_VALUE = 7,
-  ELF_LOC_BP_VALUE = 8,
-  ELF_LOC_CFA_VALUE = 9,
-  ELF_LOC_AT_SP = 10,
-  ELF_LOC_AT_BP = 11,
-  ELF_LOC_AT_CFA = 12,
-  ELF_LOC_PARENT_VALUE = 13,
-  ELF_LOC_PARENT_LOC = 14,
-  ELF_LOC_ENTRY_VALUE = 15,
-  ELF_LOC_STACK_VALUE = 16,
-};
 
 // A file that the resolver cannot find keeps the name it has in DWARF. The resolver returns the
 // full path, or an empty text when it does not know the file. Installed by the layer that owns

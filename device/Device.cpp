@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "app/base/Log.h"
+#include "app/base/SymLoc.h"
 #include "device/DeviceEventListener.h"
 #include "device/DeviceEvents.h"
 #include "device/probe/TarvikApi.h"
@@ -339,6 +340,51 @@ int CDevice::ScheduleWriteMem(U32 Addr, U32 nBytes, const U8* pData, U32 ChunkSi
   Job.aParam[3] = AccessWidth;
   Job.aParam[4] = Flags;
   if (pData == nullptr || AttachJobData(&Job, 0, nBytes, pData) < 0) {
+    FreeJobData(&Job);
+    return -1;
+  }
+  return ScheduleJob(&Job);
+}
+
+int CDevice::ScheduleReadLoc(const ELF_SYM_LOC& Loc, U32 nBytes) {
+  if (nBytes == 0 || nBytes > 8) {
+    _LogDebug("%s", "ReadLoc: cannot read data locations of size > 8 bytes");
+    return -1;
+  }
+  if (Loc.kind < ELF_LOC_ADDR || Loc.kind > ELF_LOC_REG_VALUE) {
+    return -1;  // nothing on the target to read
+  }
+  DEVICE_JOB Job = _NewJob(JT_READ_LOCATION);
+  Job.aParam[0] = nBytes;
+  if (AttachJobData(&Job, 0, sizeof(ELF_SYM_LOC), &Loc) < 0) {
+    return -1;
+  }
+  return ScheduleJob(&Job);
+}
+
+int CDevice::ScheduleReadLocs(U32 Cnt, const ELF_SYM_LOC* paLocs, U32 Flag) {
+  if (Cnt == 0 || paLocs == nullptr || U64(Cnt) * sizeof(ELF_SYM_LOC) > kMaxJobDataLen) {
+    return -1;
+  }
+  DEVICE_JOB Job = _NewJob(JT_READ_LOCS);
+  Job.aParam[0] = Cnt;
+  Job.aParam[1] = Flag;
+  if (AttachJobData(&Job, 0, Cnt * U32(sizeof(ELF_SYM_LOC)), paLocs) < 0 ||
+      AttachJobData(&Job, 1, Cnt * U32(sizeof(I64)), nullptr) < 0) {
+    FreeJobData(&Job);
+    return -1;
+  }
+  memset(Job.apData[1], 0xFF, Cnt * sizeof(I64));  // a value never read stays -1
+  return ScheduleJob(&Job);
+}
+
+int CDevice::ScheduleWriteLoc(const ELF_SYM_LOC& Loc, U32 nBytes, const U8* pData) {
+  if (nBytes == 0 || nBytes > 8 || pData == nullptr) {
+    return -1;
+  }
+  DEVICE_JOB Job = _NewJob(JT_WRITE_LOCATION);
+  Job.aParam[0] = nBytes;
+  if (AttachJobData(&Job, 0, sizeof(ELF_SYM_LOC), &Loc) < 0 || AttachJobData(&Job, 1, nBytes, pData) < 0) {
     FreeJobData(&Job);
     return -1;
   }

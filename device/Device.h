@@ -16,6 +16,8 @@
 #include "device/DeviceJob.h"
 #include "device/RunControl.h"
 
+struct ELF_SYM_LOC;
+
 class CDevice : public QThread {
   Q_OBJECT
  public:
@@ -72,6 +74,11 @@ class CDevice : public QThread {
   int ScheduleReadMem(U32 Addr, U32 nBytes, U32 ChunkSize = 0, U32 AccessWidth = 0, U32 Flags = 0);
   int ScheduleWriteMem(U32 Addr, U32 nBytes, const U8* pData, U32 ChunkSize = 0, U32 AccessWidth = 0,
                        U32 Flags = 0);
+  // Locations: at most 8 bytes of one location (memory or register kinds only), 4 bytes of each of Cnt
+  // locations (Flag comes back with the answer), or 1 to 8 bytes written to one. -1 for anything else.
+  int ScheduleReadLoc(const ELF_SYM_LOC& Loc, U32 nBytes);
+  int ScheduleReadLocs(U32 Cnt, const ELF_SYM_LOC* paLocs, U32 Flag);
+  int ScheduleWriteLoc(const ELF_SYM_LOC& Loc, U32 nBytes, const U8* pData);
   int ScheduleMeasureCoreSpeed();
   // Device configuration: integer parameters 0..14 by number, text parameters 16..19 by text.
   int ScheduleSetConfigParam(int Param, int Value);
@@ -162,6 +169,20 @@ class CDevice : public QThread {
   int ReadWord(U32 Addr, U32* pOutWord);
   int ReadHalfWord(U32 Addr, U16* pOutHW);
   void SetRegVal(int LogicalRegIdx, I64 RegVal);
+  // Values by location, 1 to 8 bytes, 0 or -1 (the output is zero on failure). A constant, or a value
+  // that is the location's own address or constant, comes without the target; memory is read at addr;
+  // a register location of more than 4 bytes is the pair Rn (low word), Rn+1. The offset of kinds 3 and
+  // 5 is the caller's to add. Other kinds are refused.
+  int ReadLoc(const ELF_SYM_LOC& Loc, U32 nBytes, U8* paOutData);
+  // Memory through the download path, registers (and pairs) zero-extended. Constants can't be written.
+  int WriteLoc(const ELF_SYM_LOC& Loc, U32 nBytes, const U8* paData);
+  // 4 bytes of each location into paOutVals, -1 where it could not be read. The number read.
+  int ReadLocs(U32 Cnt, const ELF_SYM_LOC* paDataLocs, I64* paOutVals);
+  // The logical registers a register location of nBytes covers: one up to 4 bytes, above that the pair
+  // Rn, Rn+1 with the low word in Rn, as 64-bit values are kept in core registers. The count, or one of
+  // the LOC_REGS_ codes.
+  enum : int { LOC_REGS_NONE = -1, LOC_REGS_NO_VALUE = -2, LOC_REGS_NO_PAIR = -3 };
+  int GetLocRegisters(const ELF_SYM_LOC& Loc, U32 nBytes, U32* paLogical) const;
   int BeginDownload();
   int EndDownload(bool DoHalt = false);
 
@@ -260,6 +281,10 @@ class CDevice : public QThread {
   void _SetErrorMsg(int Area, const QString& sText);
   int _NotAvailable(DEVICE_JOB* pJob);
   int _RunMemoryJob(DEVICE_JOB* pJob);
+  int _RunLocationJob(DEVICE_JOB* pJob);
+  int _LocRegisters(const char* sWhat, const ELF_SYM_LOC& Loc, U32 nBytes, U32* paLogical);
+  int _ReadMemOnce(U32 Addr, U32 nBytes, I8 AW, U32 Flags, U8* paData);
+  int _WriteMemOnce(U32 Addr, U32 nBytes, I8 AW, const U8* paData);
   bool _CanAccessCPR(const ARM_CPR* pReg, const char* sWhat);
 
   // Device log messages, posted to the main thread as events.

@@ -2,6 +2,7 @@
 // reads that fill them and the events that empty them.
 #include "device/DeviceDataProvider.h"
 
+#include <QCoreApplication>
 #include <QThread>
 #include <algorithm>
 #include <atomic>
@@ -65,6 +66,9 @@ struct CDeviceDataProvider::ANSWER {
   std::vector<I64> aRegVal;  // -1 for a register that could not be read
   ARM_CPR CPR = {};
   I64 CPRValue = -1;
+  ELF_SYM_LOC Loc = {};
+  U8 aLocData[8] = {};
+  bool LocGood = false;
 };
 
 namespace {
@@ -393,6 +397,8 @@ bool CDeviceDataProvider::REQUEST::IsSameAs(const REQUEST& r) const {
       return aRegIdx == r.aRegIdx;
     case REQ_CPR:
       return memcmp(&CPR, &r.CPR, sizeof(CPR)) == 0;
+    case REQ_LOC:
+      return nBytes == r.nBytes && memcmp(&Loc, &r.Loc, sizeof(Loc)) == 0;
   }
   return false;
 }
@@ -414,6 +420,8 @@ bool CDeviceDataProvider::_IsComplete(const REQUEST& r) const {
       return _RegsStatus(r.aRegIdx) <= MS_ERROR;
     case REQ_CPR:
       return PeekCPR(&r.CPR) <= MS_ERROR;
+    case REQ_LOC:
+      return _LocStatus(r.Loc, r.nBytes) <= MS_ERROR;
   }
   return true;
 }
@@ -443,6 +451,11 @@ CDeviceDataProvider::ANSWER CDeviceDataProvider::_MakeAnswer(const REQUEST& r) c
       a.CPRValue = PeekCPR(&r.CPR, &Value) == MS_VALID ? I64(Value) : -1;
       break;
     }
+    case REQ_LOC:
+      a.Loc = r.Loc;
+      a.nBytes = r.nBytes;
+      a.LocGood = _PeekLoc(r.Loc, r.nBytes, a.aLocData);
+      break;
   }
   return a;
 }
@@ -470,6 +483,16 @@ void CDeviceDataProvider::_Deliver(const ANSWER& a) {
       a.pListener->OnDeviceReadCPRDone(&CPR, a.CPRValue);
       break;
     }
+    case REQ_LOC: {
+      U8 aData[8];
+      memcpy(aData, a.aLocData, sizeof(aData));
+      if (a.LocGood) {
+        a.pListener->OnDeviceReadLocDone(a.Loc, a.nBytes, aData);
+      } else {
+        a.pListener->OnDeviceReadLocFailed(a.Loc, a.nBytes);
+      }
+      break;
+    }
   }
 }
 
@@ -481,7 +504,8 @@ void CDeviceDataProvider::_ServeRequests(int Kind) {
   for (size_t i = 0; i < _aRequest.size(); ++i) {
     REQUEST& r = _aRequest[i];
     bool Leaves = false;
-    if (Kind < 0 || r.Kind == REQUEST_KIND(Kind)) {
+    // A location lies in the memory or the register mirror, so any result may complete it.
+    if (Kind < 0 || r.Kind == REQUEST_KIND(Kind) || r.Kind == REQ_LOC) {
       if (r.pListener == this) {
         Leaves = true;  // a synchronous read watches the mirror itself
       } else if (_IsComplete(r)) {
@@ -591,6 +615,237 @@ int CDeviceDataProvider::ReadMemSync(U32 Addr, U32 nBytes, U32 AccessWidth, U8* 
   _StartMemReads(Addr, nBytes, 0, AccessWidth, 0);
   _WaitFor(Status, sWarning);
   return Result();
+}
+
+int CDeviceDataProvider::ReadMemWait(U32 Addr, U32 nBytes, U32 ChunkSize, U32 AccessWidth, U32 Flags,
+                                     U8* pData, U8* paStatus) {
+  CDevice* pDevice = _Device();
+  if (pDevice == nullptr || nBytes == 0 || nBytes > kMaxJobDataLen || pData == nullptr ||
+      paStatus == nullptr) {
+    return -1;
+  }
+  memset(pData, 0, nBytes);
+  memset(paStatus, 1, nBytes);
+  WAITED_READ Waited{++_LastWaitToken, nBytes, pData, paStatus};
+  DEVICE_JOB Job;
+  memset(&Job, 0, sizeof(Job));
+  Job.Type = JT_READ_MEM;
+  Job.Flags = JOB_FLAG_KEEP;  // what a command asked for is read even if the target halts meanwhile
+  Job.aParam[0] = Addr;
+  Job.aParam[1] = nBytes;
+  Job.aParam[2] = ChunkSize;
+  Job.aParam[3] = _ResolveWidth(AccessWidth);
+  Job.aParam[4] = Flags & ~kFlagBypassMirror;
+  Job.aResult[2] = I64(Waited.Token);  // the job does not touch it; its completion is known by it
+  if (AttachJobData(&Job, 0, nBytes, nullptr) < 0 || AttachJobData(&Job, 1, nBytes, nullptr) < 0) {
+    FreeJobData(&Job);
+    return -1;
+  }
+  if (pDevice->ScheduleJob(&Job) < 0) {
+    return -1;
+  }
+  _apWaitedRead.push_back(&Waited);
+  using namespace std::chrono;
+  const auto Start = steady_clock::now();
+  const int LimitMS = JobTypeToTimeoutMS(JT_READ_MEM);
+  while (!Waited.Ended && pDevice->IsThreadRunning()) {
+    const int ElapsedMS = int(duration_cast<milliseconds>(steady_clock::now() - Start).count());
+    if (ElapsedMS >= LimitMS) {
+      LogMessage("Timeout while waiting for Job JT_READ_MEM", MSG_WARNING | MSG_TO_STDOUT | MSG_TO_LOGFILE);
+      break;
+    }
+    // The oldest pending read may be another one; its end is a moment to look at the events again.
+    const int r = pDevice->WaitForJob(JT_READ_MEM, true, LimitMS - ElapsedMS);
+    if (r < 0) {
+      break;  // the time-out is in the log
+    }
+    if (r > 0) {
+      QCoreApplication::processEvents();
+      QThread::yieldCurrentThread();
+    }
+    DispatchDeviceEvents(10);
+  }
+  std::erase(_apWaitedRead, &Waited);  // a completion after the time-out must not write here
+  if (!Waited.Ended) {
+    memset(pData, 0, nBytes);
+    memset(paStatus, 1, nBytes);
+    return -1;
+  }
+  if (!Waited.Done) {
+    return 1;
+  }
+  return std::all_of(paStatus, paStatus + nBytes, [](U8 b) { return b == 0; }) ? 0 : 1;
+}
+
+// ---------------------------------------------------------------------------------------------------
+// Locations
+
+int CDeviceDataProvider::_LocRegSlots(const ELF_SYM_LOC& Loc, U32 nBytes, U32* paIdx) const {
+  CDevice* pDevice = _Device();
+  U32 aLogical[2];
+  const int NumRegs = pDevice ? pDevice->GetLocRegisters(Loc, nBytes, aLogical) : 0;
+  for (int i = 0; i < NumRegs; ++i) {
+    const int Idx = pDevice->GetTarvikRegIdx(aLogical[i]);
+    if (Idx < 0 || U32(Idx) >= kNumRegs) {
+      return 0;
+    }
+    paIdx[i] = U32(Idx);
+  }
+  return std::max(NumRegs, 0);
+}
+
+U8 CDeviceDataProvider::_LocStatus(const ELF_SYM_LOC& Loc, U32 nBytes) const {
+  U64 Value = 0;
+  if (GetImplicitLocValue(Loc, &Value)) {
+    return MS_VALID;
+  }
+  if (IsMemoryLoc(Loc)) {
+    return _RangeStatus(Loc.addr, nBytes);
+  }
+  U32 aIdx[2];
+  const int NumRegs = _LocRegSlots(Loc, nBytes, aIdx);
+  if (NumRegs == 0) {
+    return MS_ERROR;
+  }
+  return _RegsStatus(std::vector<U32>(aIdx, aIdx + NumRegs));
+}
+
+void CDeviceDataProvider::_SetLocStatus(const ELF_SYM_LOC& Loc, U32 nBytes, U8 Status) {
+  if (IsMemoryLoc(Loc)) {
+    _SetStatus(Loc.addr, nBytes, Status);
+    return;
+  }
+  U32 aIdx[2];
+  const int NumRegs = _LocRegSlots(Loc, nBytes, aIdx);
+  for (int i = 0; i < NumRegs; ++i) {
+    _aReg[aIdx[i]].Status = Status;
+    if (Status == MS_ERROR) {
+      _aReg[aIdx[i]].Value = 0;
+    }
+  }
+}
+
+void CDeviceDataProvider::_StoreLoc(const ELF_SYM_LOC& Loc, U32 nBytes, const U8* paData, bool Good) {
+  if (!Good) {
+    _SetLocStatus(Loc, nBytes, MS_ERROR);
+    return;
+  }
+  if (IsMemoryLoc(Loc)) {
+    const std::vector<U8> aStatus(nBytes, 0);
+    _Store(Loc.addr, nBytes, paData, aStatus.data());
+    return;
+  }
+  U32 aIdx[2];
+  const int NumRegs = _LocRegSlots(Loc, nBytes, aIdx);
+  for (int i = 0; i < NumRegs; ++i) {
+    U32 Word = 0;
+    memcpy(&Word, paData + 4 * i, std::min<U32>(4, nBytes - 4 * U32(i)));
+    if (nBytes >= 4 * U32(i) + 4) {
+      _StoreReg(aIdx[i], Word);  // a register is only known whole
+    }
+  }
+}
+
+bool CDeviceDataProvider::_PeekLoc(const ELF_SYM_LOC& Loc, U32 nBytes, U8* paData) const {
+  memset(paData, 0, nBytes);
+  U64 Value = 0;
+  if (GetImplicitLocValue(Loc, &Value)) {
+    memcpy(paData, &Value, nBytes);
+    return true;
+  }
+  if (IsMemoryLoc(Loc)) {
+    return PeekMem(Loc.addr, nBytes, paData) == MS_VALID;
+  }
+  U32 aIdx[2];
+  const int NumRegs = _LocRegSlots(Loc, nBytes, aIdx);
+  for (int i = 0; i < NumRegs; ++i) {
+    U32 Word = 0;
+    if (PeekReg(aIdx[i], &Word) != MS_VALID) {
+      memset(paData, 0, nBytes);
+      return false;
+    }
+    memcpy(paData + 4 * i, &Word, std::min<U32>(4, nBytes - 4 * U32(i)));
+  }
+  return NumRegs > 0;
+}
+
+int CDeviceDataProvider::ReadLocAsync(CDeviceEventListener* pListener, const ELF_SYM_LOC* pLoc, U32 nBytes) {
+  if (pListener == nullptr || pLoc == nullptr || nBytes == 0 || nBytes > 8) {
+    return READ_BAD_ARGS;
+  }
+  REQUEST r(REQ_LOC, pListener);
+  r.Loc = *pLoc;
+  r.nBytes = nBytes;
+  const bool OnTarget = IsMemoryLoc(*pLoc) || IsRegisterLoc(*pLoc);
+  if (!OnTarget) {
+    _Deliver(_MakeAnswer(r));  // a constant, or nothing that can be read: answered now
+    return READ_ANSWERED;
+  }
+  if (_IsStateValid()) {
+    const U8 Status = _LocStatus(*pLoc, nBytes);
+    if (Status <= MS_ERROR) {
+      _Deliver(_MakeAnswer(r));
+      return READ_ANSWERED;
+    }
+    if (Status == MS_PENDING) {
+      _AddRequest(std::move(r));
+      return READ_LATER;
+    }
+  } else {
+    _SetLocStatus(*pLoc, nBytes, MS_UNKNOWN);
+  }
+  _AddRequest(std::move(r));
+  _SetLocStatus(*pLoc, nBytes, MS_PENDING);
+  CDevice* pDevice = _Device();
+  // A register is kept in the mirror only whole, so a register location is read in whole registers.
+  const U32 JobBytes = IsRegisterLoc(*pLoc) ? (nBytes > 4 ? 8 : 4) : nBytes;
+  if (pDevice == nullptr || pDevice->ScheduleReadLoc(*pLoc, JobBytes) < 0) {
+    _SetLocStatus(*pLoc, nBytes, MS_ERROR);
+    _ServeRequests(REQ_LOC);
+    return READ_ANSWERED;
+  }
+  return READ_LATER;
+}
+
+int CDeviceDataProvider::ReadLocSync(const ELF_SYM_LOC* pLoc, U32 nBytes, U8* paData) {
+  if (pLoc == nullptr || paData == nullptr || nBytes == 0 || nBytes > 8) {
+    return 1;
+  }
+  U64 Value = 0;
+  if (GetImplicitLocValue(*pLoc, &Value)) {
+    return _PeekLoc(*pLoc, nBytes, paData) ? 0 : 1;
+  }
+  if (_IsStateValid()) {
+    if (_LocStatus(*pLoc, nBytes) <= MS_ERROR) {
+      return _PeekLoc(*pLoc, nBytes, paData) ? 0 : 1;
+    }
+  } else if (IsMemoryLoc(*pLoc)) {
+    _SetStatus(pLoc->addr, nBytes, MS_UNKNOWN);
+  }
+  CDevice* pDevice = _Device();
+  U8 aData[8] = {};
+  const bool Good = pDevice != nullptr && pDevice->ReadLoc(*pLoc, nBytes, aData) == 0;
+  _StoreLoc(*pLoc, nBytes, aData, Good);
+  memcpy(paData, aData, nBytes);
+  return Good ? 0 : 1;
+}
+
+void CDeviceDataProvider::_OnReadLocResult(DEVICE_JOB* pJob) {
+  if (!_IsConnected() || pJob->apData[0] == nullptr || pJob->aDataLen[0] < sizeof(ELF_SYM_LOC)) {
+    return;
+  }
+  ELF_SYM_LOC Loc;
+  memcpy(&Loc, pJob->apData[0], sizeof(Loc));
+  const U32 nBytes = U32(pJob->aParam[0]);
+  if (nBytes == 0 || nBytes > 8) {
+    return;
+  }
+  U8 aData[8];
+  memcpy(aData, &pJob->aResult[0], sizeof(aData));
+  // Registers are kept only for the halt in force, like the register reads.
+  const bool Good = pJob->Status == JOB_STATUS_DONE && (IsMemoryLoc(Loc) || _IsStateValid());
+  _StoreLoc(Loc, nBytes, aData, Good);
+  _ServeRequests(-1);
 }
 
 // ---------------------------------------------------------------------------------------------------
@@ -861,6 +1116,9 @@ void CDeviceDataProvider::OnDeviceJobDone(DEVICE_JOB* pJob) {
     case JT_READ_CP_REG:
       _OnReadCPRResult(pJob);
       break;
+    case JT_READ_LOCATION:
+      _OnReadLocResult(pJob);
+      break;
     default:
       break;
   }
@@ -870,6 +1128,18 @@ void CDeviceDataProvider::OnDeviceJobDone(DEVICE_JOB* pJob) {
 void CDeviceDataProvider::_OnReadMemResult(DEVICE_JOB* pJob) {
   const U32 Addr = U32(pJob->aParam[0]);
   const U32 nBytes = U32(pJob->aParam[1]);
+  const bool HasData =
+      pJob->apData[0] && pJob->apData[1] && pJob->aDataLen[0] >= nBytes && pJob->aDataLen[1] >= nBytes;
+  for (WAITED_READ* pWaited : _apWaitedRead) {
+    if (pJob->aResult[2] == I64(pWaited->Token) && !pWaited->Ended && pWaited->nBytes == nBytes) {
+      pWaited->Ended = true;
+      pWaited->Done = pJob->Status == JOB_STATUS_DONE && HasData;
+      if (pWaited->Done) {
+        memcpy(pWaited->pData, pJob->apData[0], nBytes);
+        memcpy(pWaited->paStatus, pJob->apData[1], nBytes);
+      }
+    }
+  }
   auto It = std::find(_aMemJob.begin(), _aMemJob.end(), std::make_pair(Addr, nBytes));
   if (It != _aMemJob.end()) {
     _aMemJob.erase(It);
@@ -877,8 +1147,6 @@ void CDeviceDataProvider::_OnReadMemResult(DEVICE_JOB* pJob) {
   if (!_IsConnected() || nBytes == 0 || _Wraps(Addr, nBytes)) {
     return;
   }
-  const bool HasData =
-      pJob->apData[0] && pJob->apData[1] && pJob->aDataLen[0] >= nBytes && pJob->aDataLen[1] >= nBytes;
   if (pJob->Status == JOB_STATUS_DONE && HasData) {
     _Store(Addr, nBytes, pJob->apData[0], pJob->apData[1]);
     _ServeRequests(REQ_MEM);

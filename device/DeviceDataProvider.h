@@ -8,6 +8,7 @@
 #include <memory>
 #include <vector>
 
+#include "app/base/SymLoc.h"
 #include "device/DeviceEventListener.h"
 
 // Status of a mirrored byte, register or coprocessor register. The status of a range is that of its
@@ -66,6 +67,21 @@ class CDeviceDataProvider : public CDeviceEventListener {
   // times out is logged and may still land in the mirror later.
   int ReadMemSync(U32 Addr, U32 nBytes, U32 AccessWidth, U8* pData, U8* paStatus = nullptr);
 
+  // The read of a command: exactly [Addr, Addr + nBytes), in one JT_READ_MEM job that no halt or flush
+  // cancels, waited for as a script call waits for its job (pumping events) for at most the job's limit.
+  // Data and one status byte per data byte (0 good) go to pData and paStatus. 0 when every byte is good,
+  // 1 when some are not, -1 when the job did not end in time or could not be filed.
+  int ReadMemWait(U32 Addr, U32 nBytes, U32 ChunkSize, U32 AccessWidth, U32 Flags, U8* pData, U8* paStatus);
+
+  // A location's value, 1 to 8 bytes, for pListener: OnDeviceReadLocDone, or OnDeviceReadLocFailed when
+  // it can't be read. A constant is answered at once; memory and register locations from the mirror when
+  // it holds them, otherwise by a JT_READ_LOCATION job. READ_BAD_ARGS for no listener or location, or a
+  // size outside 1 to 8.
+  int ReadLocAsync(CDeviceEventListener* pListener, const ELF_SYM_LOC* pLoc, U32 nBytes);
+  // The same into paData, at once: from the mirror when it holds the value, otherwise read on the calling
+  // thread and kept in the mirror. 0 with the value, 1 when it could not be read.
+  int ReadLocSync(const ELF_SYM_LOC* pLoc, U32 nBytes, U8* paData);
+
   // Registers by the probe's index (below kNumRegs, at most 63 at once).
   int ReadRegsAsync(CDeviceEventListener* pListener, U32 Cnt, const U32* paTarvikRegIdx);
   // 0 with the value, or 1 when the register could not be read in time.
@@ -115,7 +131,7 @@ class CDeviceDataProvider : public CDeviceEventListener {
     U32 Value;
     U8 Status;
   };
-  enum REQUEST_KIND : U32 { REQ_MEM = 0, REQ_REGS = 1, REQ_CPR = 2 };
+  enum REQUEST_KIND : U32 { REQ_MEM = 0, REQ_REGS = 1, REQ_CPR = 2, REQ_LOC = 3 };
   struct REQUEST {
     REQUEST(REQUEST_KIND k, CDeviceEventListener* p) : Kind(k), pListener(p) {}
     REQUEST_KIND Kind;
@@ -124,6 +140,7 @@ class CDeviceDataProvider : public CDeviceEventListener {
     U32 nBytes = 0;
     std::vector<U32> aRegIdx;  // registers
     ARM_CPR CPR = {};          // coprocessor
+    ELF_SYM_LOC Loc = {};      // location, nBytes long
     // How the memory was asked for; not part of what makes two requests the same.
     U32 ChunkSize = 0;
     U32 AccessWidth = 0;
@@ -161,7 +178,25 @@ class CDeviceDataProvider : public CDeviceEventListener {
   // Pumps device events until Status() is MS_VALID or MS_ERROR; -1 and sWarning after kSyncWaitMS.
   int _WaitFor(const std::function<U8()>& Status, const char* sWarning);
 
+  // Locations in the mirror: a memory range, or the register slots of a register or register pair.
+  int _LocRegSlots(const ELF_SYM_LOC& Loc, U32 nBytes, U32* paIdx) const;
+  U8 _LocStatus(const ELF_SYM_LOC& Loc, U32 nBytes) const;
+  void _SetLocStatus(const ELF_SYM_LOC& Loc, U32 nBytes, U8 Status);
+  void _StoreLoc(const ELF_SYM_LOC& Loc, U32 nBytes, const U8* paData, bool Good);
+  bool _PeekLoc(const ELF_SYM_LOC& Loc, U32 nBytes, U8* paData) const;
+
+  // A command read waiting for its job, found again by the token the job carries.
+  struct WAITED_READ {
+    U64 Token;
+    U32 nBytes;
+    U8* pData;
+    U8* paStatus;
+    bool Ended = false;
+    bool Done = false;
+  };
+
   void _OnReadMemResult(DEVICE_JOB* pJob);
+  void _OnReadLocResult(DEVICE_JOB* pJob);
   void _OnReadRegResult(DEVICE_JOB* pJob);
   void _OnReadRegsResult(DEVICE_JOB* pJob);
   void _OnReadCPRResult(DEVICE_JOB* pJob);
@@ -177,4 +212,6 @@ class CDeviceDataProvider : public CDeviceEventListener {
   // state change must not throw them away.
   std::vector<I64> _aStateRegVals;
   int _DefaultAccessWidth = 0;
+  std::vector<WAITED_READ*> _apWaitedRead;
+  U64 _LastWaitToken = 0;
 };

@@ -1,6 +1,7 @@
 // Memory and register access on the probe: validation, widths and alignment, chunks with progress,
 // item-wise reads behind a hole, the download path for flash, and the jobs that carry them.
 #include <QString>
+#include <chrono>
 #include <cstring>
 #include <functional>
 #include <vector>
@@ -16,6 +17,92 @@ const TARVIK_API& _Api() {
 }
 
 constexpr U32 kProgressLimit = 4000;  // larger transfers show progress
+
+U64 _NowMS() {
+  using namespace std::chrono;
+  return U64(duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count());
+}
+
+// A probe access that fails only after this long has timed out: the probe or its server gave up
+// waiting for the target. An address that cannot be read fails at once. After a time-out every further
+// part of the transfer would wait as long again, so the transfer ends there.
+constexpr U64 kTimedOutAccessMS = 1000;
+
+// The transfer under way on the calling thread (the device thread, or a thread that reads directly):
+// the moment its job's limit runs out (0: no limit), and whether an access has timed out. Depth counts
+// the nested transfer operations, so that only the outermost one starts afresh.
+struct TRANSFER {
+  int Depth = 0;
+  U64 DeadlineMS = 0;
+  bool TimedOut = false;
+};
+thread_local TRANSFER _Transfer;
+
+// True when no further part of the transfer may start: an access timed out or the limit has run out.
+bool _TransferMustEnd() {
+  if (!_Transfer.TimedOut && _Transfer.DeadlineMS != 0 && _NowMS() >= _Transfer.DeadlineMS) {
+    _Transfer.TimedOut = true;
+  }
+  return _Transfer.TimedOut;
+}
+
+// Runs one probe access that should move Wanted bytes, and notes when it failed by timing out.
+template <typename F>
+int _TimedAccess(U32 Wanted, F Access) {
+  const U64 Start = _NowMS();
+  int Moved = Access();
+  if (Moved < int(Wanted) && _NowMS() - Start >= kTimedOutAccessMS) {
+    _Transfer.TimedOut = true;
+  }
+  return Moved;
+}
+
+// Calls Access(Offset, Size, Width) for the pieces of [Addr, Addr + nBytes) that accesses of width AW
+// can take: items of AW on multiples of AW, and before and behind them the narrower items the alignment
+// allows (4 bytes at 0x1001 with AW 4: a byte, a half word, a byte). Stops at the first piece that comes
+// short, and returns the bytes moved.
+template <typename F>
+int _ForEachAlignedPiece(U32 Addr, U32 nBytes, U32 AW, F Access) {
+  int Total = 0;
+  U32 Offset = 0;
+  while (Offset < nBytes) {
+    const U32 At = Addr + Offset;
+    const U32 Rest = nBytes - Offset;
+    U32 Width = AW;
+    while (Width > 1 && (At % Width != 0 || Width > Rest)) {
+      Width /= 2;
+    }
+    const U32 Size = Width == AW ? Rest - Rest % AW : Width;
+    const int Moved = Access(Offset, Size, Width);
+    Total += Moved;
+    if (Moved < int(Size) || _TransferMustEnd()) {
+      break;
+    }
+    Offset += Size;
+  }
+  return Total;
+}
+
+// True when an access of nBytes at Addr with width AW needs splitting: the probe refuses an address or
+// a size that is not a multiple of the access width.
+bool _NeedsSplit(U32 Addr, U32 nBytes, I8 AW) {
+  return (AW == 2 || AW == 4) && ((Addr | nBytes) & U32(AW - 1)) != 0;
+}
+
+// Marks the outermost memory operation of a thread: it starts with no time-out noted and, for a job,
+// with the job's limit as its deadline.
+class CTransferScope {
+ public:
+  explicit CTransferScope(U64 LimitMS = 0) {
+    if (_Transfer.Depth++ == 0) {
+      _Transfer.TimedOut = false;
+      _Transfer.DeadlineMS = LimitMS ? _NowMS() + LimitMS : 0;
+    }
+  }
+  ~CTransferScope() { --_Transfer.Depth; }
+  CTransferScope(const CTransferScope&) = delete;
+  CTransferScope& operator=(const CTransferScope&) = delete;
+};
 
 // Runs Transfer(Offset, Size) over the chunks of a transfer, with the progress text and bar that
 // transfers above the limit show. Returns the bytes the chunks moved; EndProgress decides at the end.
@@ -35,6 +122,9 @@ int _ForEachChunk(U32 nBytes, U32 ChunkSize, const char* sProgressText,
   }
   int Total = 0;
   for (U32 i = 0; i < NumChunks; ++i) {
+    if (i > 0 && _TransferMustEnd()) {
+      break;  // the rest stays unread (or unwritten)
+    }
     U32 Offset = i * ChunkSize;
     Total += Transfer(Offset, std::min(ChunkSize, nBytes - Offset));
     if (Progress && NumChunks > 1) {
@@ -74,10 +164,29 @@ int CDevice::ValidateMemoryAccessParams(bool Read, U32 Addr, U32 nBytes, I8 AW, 
 }
 
 int CDevice::ReadMemSimple(U32 Addr, U32 nBytes, I8 AW, U32 Flags, U8* paData, U8* paStatus) {
+  CTransferScope Scope;
   if (ValidateMemoryAccessParams(true, Addr, nBytes, AW, paData, paStatus) < 0) {
     return 0;
   }
   memset(paData, 0, nBytes);
+  if (_NeedsSplit(Addr, nBytes, AW)) {
+    memset(paStatus, 1, nBytes);
+    return _ForEachAlignedPiece(Addr, nBytes, U32(AW), [&](U32 Offset, U32 Size, U32 Width) {
+      return ReadMemSimple(Addr + Offset, Size, I8(Width), Flags, paData + Offset, paStatus + Offset);
+    });
+  }
+  int Read = _TimedAccess(nBytes, [&] { return _ReadMemOnce(Addr, nBytes, AW, Flags, paData); });
+  if (Read < int(nBytes)) {
+    memset(paData + Read, 0, nBytes - U32(Read));  // bytes that could not be read are zero
+  }
+  memset(paStatus, 0, U32(Read));
+  memset(paStatus + Read, 1, nBytes - U32(Read));
+  return Read;
+}
+
+// One probe access for the whole range: a single item where size and alignment allow, otherwise a block
+// read. The bytes read, from the start.
+int CDevice::_ReadMemOnce(U32 Addr, U32 nBytes, I8 AW, U32 Flags, U8* paData) {
   const TARVIK_API& Api = _Api();
   int Read = 0;
   U8 ItemStatus = 1;
@@ -112,18 +221,19 @@ int CDevice::ReadMemSimple(U32 Addr, U32 nBytes, I8 AW, U32 Flags, U8* paData, U
       Read = int(nBytes);
     }
   }
-  if (Read < int(nBytes)) {
-    memset(paData + Read, 0, nBytes - U32(Read));  // bytes that could not be read are zero
-  }
-  memset(paStatus, 0, U32(Read));
-  memset(paStatus + Read, 1, nBytes - U32(Read));
   return Read;
 }
 
 int CDevice::ReadMemItemWise(U32 Addr, U32 nBytes, I8 AW, U32 Flags, U8* paData, U8* paStatus) {
+  CTransferScope Scope;
+  if (paData == nullptr || paStatus == nullptr) {
+    return 0;
+  }
+  memset(paData, 0, nBytes);
+  memset(paStatus, 1, nBytes);  // items behind a time-out are not tried
   U32 Item = AW > 0 ? U32(AW) : 1;
   int Total = 0;
-  for (U32 Offset = 0; Offset < nBytes; Offset += Item) {
+  for (U32 Offset = 0; Offset < nBytes && !_TransferMustEnd(); Offset += Item) {
     U32 n = std::min(Item, nBytes - Offset);
     Total += ReadMemSimple(Addr + Offset, n, AW, Flags, paData + Offset, paStatus + Offset);
   }
@@ -132,9 +242,15 @@ int CDevice::ReadMemItemWise(U32 Addr, U32 nBytes, I8 AW, U32 Flags, U8* paData,
 
 int CDevice::ReadMemChunkWise(U32 Addr, U32 nBytes, U32 ChunkSize, I8 AW, U32 Flags, U8* paData,
                               U8* paStatus) {
+  CTransferScope Scope;
+  if (paData == nullptr || paStatus == nullptr || nBytes == 0) {
+    return 0;
+  }
+  memset(paData, 0, nBytes);
+  memset(paStatus, 1, nBytes);  // chunks behind a time-out are not tried
   auto ReadChunk = [&](U32 Offset, U32 n) {
     int Read = ReadMemSimple(Addr + Offset, n, AW, Flags, paData + Offset, paStatus + Offset);
-    if (Read < int(n) && (Flags & MEM_FLAG_ITEM_WISE_AFTER_SHORT)) {
+    if (Read < int(n) && (Flags & MEM_FLAG_ITEM_WISE_AFTER_SHORT) && !_TransferMustEnd()) {
       // Behind a hole the rest of the chunk may still be readable, one item at a time.
       Read += ReadMemItemWise(Addr + Offset + U32(Read), n - U32(Read), AW, Flags, paData + Offset + Read,
                               paStatus + Offset + Read);
@@ -146,6 +262,7 @@ int CDevice::ReadMemChunkWise(U32 Addr, U32 nBytes, U32 ChunkSize, I8 AW, U32 Fl
 }
 
 int CDevice::ReadMem(U32 Addr, U32 nBytes, U32 ChunkSize, I8 AW, U32 Flags, U8* paData, U8* paStatus) {
+  CTransferScope Scope;
   if (ValidateMemoryAccessParams(true, Addr, nBytes, AW, paData, paStatus) < 0) {
     return 0;
   }
@@ -156,11 +273,17 @@ int CDevice::ReadMem(U32 Addr, U32 nBytes, U32 ChunkSize, I8 AW, U32 Flags, U8* 
   }
   Flags &= ~MEM_FLAG_HALT_FOR_ACCESS;
   int Read = ReadMemSimple(Addr, nBytes, AW, Flags, paData, paStatus);
-  if (Read < int(nBytes) && (ChunkSize || (Flags & MEM_FLAG_ITEM_WISE_AFTER_SHORT))) {
+  if (Read < int(nBytes) && (ChunkSize || (Flags & MEM_FLAG_ITEM_WISE_AFTER_SHORT)) && !_TransferMustEnd()) {
     U32 Rest = nBytes - U32(Read);
     Read += ReadMemChunkWise(Addr + U32(Read), Rest, ChunkSize, AW, Flags, paData + Read, paStatus + Read);
   }
   if (Read < int(nBytes)) {
+    if (_Transfer.TimedOut) {
+      _LogWarnMsg(QString("ReadMem: target did not answer in time, %1 of %2 bytes at 0x%3 read")
+                      .arg(Read)
+                      .arg(nBytes)
+                      .arg(Addr, 8, 16, QChar('0')));
+    }
     _TestConnectionLost();  // a read that fails may be the first sign of a lost probe
   }
   if (ResumeOwed && _Connected.load()) {
@@ -170,6 +293,17 @@ int CDevice::ReadMem(U32 Addr, U32 nBytes, U32 ChunkSize, I8 AW, U32 Flags, U8* 
 }
 
 int CDevice::WriteMemSimple(U32 Addr, U32 nBytes, I8 AW, const U8* paData) {
+  CTransferScope Scope;
+  if (_NeedsSplit(Addr, nBytes, AW)) {
+    return _ForEachAlignedPiece(Addr, nBytes, U32(AW), [&](U32 Offset, U32 Size, U32 Width) {
+      return WriteMemSimple(Addr + Offset, Size, I8(Width), paData + Offset);
+    });
+  }
+  return _TimedAccess(nBytes, [&] { return _WriteMemOnce(Addr, nBytes, AW, paData); });
+}
+
+// One probe access for the whole range, as for reading. The bytes written.
+int CDevice::_WriteMemOnce(U32 Addr, U32 nBytes, I8 AW, const U8* paData) {
   const TARVIK_API& Api = _Api();
   if (nBytes == 1) {
     return Api.TARVIKARM_WriteU8(Addr, paData[0]) == 0 ? 1 : 0;
@@ -194,9 +328,10 @@ int CDevice::WriteMemSimple(U32 Addr, U32 nBytes, I8 AW, const U8* paData) {
 }
 
 int CDevice::WriteMemItemWise(U32 Addr, U32 nBytes, I8 AW, const U8* paData) {
+  CTransferScope Scope;
   U32 Item = AW > 0 ? U32(AW) : 1;
   int Total = 0;
-  for (U32 Offset = 0; Offset < nBytes; Offset += Item) {
+  for (U32 Offset = 0; Offset < nBytes && !_TransferMustEnd(); Offset += Item) {
     U32 n = std::min(Item, nBytes - Offset);
     if (ValidateMemoryAccessParams(false, Addr + Offset, n, AW, paData + Offset, nullptr) < 0) {
       break;
@@ -207,9 +342,10 @@ int CDevice::WriteMemItemWise(U32 Addr, U32 nBytes, I8 AW, const U8* paData) {
 }
 
 int CDevice::WriteMemChunkWise(U32 Addr, U32 nBytes, U32 ChunkSize, I8 AW, U32 Flags, const U8* paData) {
+  CTransferScope Scope;
   auto WriteChunk = [&](U32 Offset, U32 n) {
     int Written = WriteMemSimple(Addr + Offset, n, AW, paData + Offset);
-    if (Written < int(n) && (Flags & MEM_FLAG_ITEM_WISE_AFTER_SHORT)) {
+    if (Written < int(n) && (Flags & MEM_FLAG_ITEM_WISE_AFTER_SHORT) && !_TransferMustEnd()) {
       Written +=
           WriteMemItemWise(Addr + Offset + U32(Written), n - U32(Written), AW, paData + Offset + Written);
     }
@@ -219,6 +355,7 @@ int CDevice::WriteMemChunkWise(U32 Addr, U32 nBytes, U32 ChunkSize, I8 AW, U32 F
 }
 
 int CDevice::WriteMem(U32 Addr, U32 nBytes, U32 ChunkSize, I8 AW, U32 Flags, const U8* paData) {
+  CTransferScope Scope;
   if (ValidateMemoryAccessParams(false, Addr, nBytes, AW, paData, nullptr) < 0) {
     return 0;
   }
@@ -232,9 +369,15 @@ int CDevice::WriteMem(U32 Addr, U32 nBytes, U32 ChunkSize, I8 AW, U32 Flags, con
     BeginDownload();
   }
   int Written = WriteMemSimple(Addr, nBytes, AW, paData);
-  if (Written < int(nBytes) && ChunkSize) {
+  if (Written < int(nBytes) && ChunkSize && !_TransferMustEnd()) {
     Written +=
         WriteMemChunkWise(Addr + U32(Written), nBytes - U32(Written), ChunkSize, AW, Flags, paData + Written);
+  }
+  if (Written < int(nBytes) && _Transfer.TimedOut) {
+    _LogWarnMsg(QString("WriteMem: target did not answer in time, %1 of %2 bytes at 0x%3 written")
+                    .arg(Written)
+                    .arg(nBytes)
+                    .arg(Addr, 8, 16, QChar('0')));
   }
   if (Download && EndDownload(false) < 0) {
     Written = 0;
@@ -247,6 +390,7 @@ int CDevice::WriteMem(U32 Addr, U32 nBytes, U32 ChunkSize, I8 AW, U32 Flags, con
 
 int CDevice::WriteMemMultiple(U32 Cnt, const U32* paAddrRanges, U32 NumBytes, const U8* paData, U32 ChunkSize,
                               I8 AW, U32 Flags) {
+  CTransferScope Scope;
   if (!_Connected.load() || paAddrRanges == nullptr || paData == nullptr) {
     return 0;
   }
@@ -269,8 +413,8 @@ int CDevice::WriteMemMultiple(U32 Cnt, const U32* paAddrRanges, U32 NumBytes, co
       continue;
     }
     U32 Len = End - Start;
-    if (Len > NumBytes - Offset) {
-      break;  // the data would be overrun
+    if (Len > NumBytes - Offset || _TransferMustEnd()) {
+      break;  // the data would be overrun, or the target stopped answering
     }
     Total += WriteMem(Start, Len, ChunkSize, AW, Flags & ~MEM_FLAG_DOWNLOAD, paData + Offset);
     Offset += Len;
@@ -503,6 +647,8 @@ int CDevice::WriteCPR(const ARM_CPR* pReg, U32 Value) {
 }
 
 int CDevice::_RunMemoryJob(DEVICE_JOB* pJob) {
+  // The job's limit bounds its transfer: no part of it starts after the limit has run out.
+  CTransferScope Scope(U64(JobTypeToTimeoutMS(pJob->Type)));
   const U64* a = pJob->aParam;
   switch (pJob->Type) {
     case JT_READ_REG: {

@@ -291,6 +291,10 @@ int CDevice::_Execute(DEVICE_JOB* pJob) {
     case JT_WRITE_MEM_MULTIPLE:
     case JT_END_DOWNLOAD:
       return _RunMemoryJob(pJob);
+    case JT_READ_LOCATION:
+    case JT_READ_LOCS:
+    case JT_WRITE_LOCATION:
+      return _RunLocationJob(pJob);
     case JT_STEP_INTO:
     case JT_STEP_OVER:
     case JT_STEP_OUT:
@@ -301,9 +305,6 @@ int CDevice::_Execute(DEVICE_JOB* pJob) {
     case JT_SET_WPS:
     case JT_CLEAR_WPS:
     case JT_CLEAR_ALL_WPS:
-    case JT_READ_LOCATION:
-    case JT_READ_LOCS:
-    case JT_WRITE_LOCATION:
     case JT_SET_SH_INPUT_TEXT:
     case JT_DISASS_INSTS:
     case JT_DISASS_INSTRS_EX:

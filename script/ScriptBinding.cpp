@@ -14,6 +14,7 @@
 #include "app/tables/ActionRows.h"
 #include "app/tables/SettingsTables.h"
 #include "device/Device.h"
+#include "device/DeviceDataProvider.h"
 
 namespace {
 
@@ -161,14 +162,15 @@ CDevice* _ReadableDevice() {
   return pDevice->IsThreadRunning() && pDevice->CanAccessMemory() ? pDevice : nullptr;
 }
 
-I32 _ReadMemDirect(U32 Addr, U32 Size) {
+I32 _ReadMemForScript(U32 Addr, U32 Size) {
   CDevice* pDevice = _ReadableDevice();
   if (pDevice == nullptr) {
     return 0;
   }
   U8 aData[4] = {};
   U8 aStatus[4] = {};
-  if (pDevice->ReadMem(Addr, Size, 0, I8(Size), 0, aData, aStatus) != int(Size)) {
+  // A job like the row's own, waited for with events pumped: a silent target does not stop the program.
+  if (CDeviceDataProvider::Instance()->ReadMemWait(Addr, Size, 0, Size, 0, aData, aStatus) != 0) {
     return 0;
   }
   U32 Value = 0;
@@ -197,11 +199,11 @@ bool _TryDirectRead(int Id, const SCRIPT_API_CALL* pCall, I32* pResult) {
   }
   const U32 Addr = U32(pCall->paArg[0]);
   if (Id == Rows.ReadU32) {
-    *pResult = _ReadMemDirect(Addr, 4);
+    *pResult = _ReadMemForScript(Addr, 4);
   } else if (Id == Rows.ReadU16) {
-    *pResult = _ReadMemDirect(Addr, 2);
+    *pResult = _ReadMemForScript(Addr, 2);
   } else if (Id == Rows.ReadU8) {
-    *pResult = _ReadMemDirect(Addr, 1);
+    *pResult = _ReadMemForScript(Addr, 1);
   } else if (Id == Rows.GetReg && _ResolveRegister) {
     const char* sName = ScriptCheckString(pCall->pContext, pCall->paArg[0]);
     *pResult = sName ? _ReadRegDirect(sName) : -1;

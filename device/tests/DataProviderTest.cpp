@@ -3,9 +3,11 @@
 // synchronous reads and the register mirror.
 #include <gtest/gtest.h>
 
+#include <QElapsedTimer>
 #include <QFile>
 #include <QTemporaryDir>
 #include <QThread>
+#include <QTimer>
 #include <chrono>
 #include <functional>
 #include <vector>
@@ -15,6 +17,7 @@
 #include "device/DeviceEventListener.h"
 #include "device/DeviceEvents.h"
 #include "device/tests/FakeProbe.h"
+#include "device/tests/LocationRecorder.h"
 #include "device/tests/PumpUntil.h"
 
 namespace {
@@ -121,6 +124,8 @@ const TARVIK_API& MemoryProbeApi() {
     a.TARVIKARM_WriteU16 = [](U32 Addr, U16 v) { return WriteBytes(Addr, 2, &v) == 2 ? 0 : -1; };
     a.TARVIKARM_WriteU32 = [](U32 Addr, U32 v) { return WriteBytes(Addr, 4, &v) == 4 ? 0 : -1; };
     a.TARVIKARM_WriteU64 = [](U32 Addr, U64 v) { return WriteBytes(Addr, 8, &v) == 8 ? 0 : -1; };
+    a.TARVIKARM_BeginDownload = [](U32) {};  // memory written for download lands at once
+    a.TARVIKARM_EndDownload = []() -> int { return 0; };
     a.TARVIKARM_ReadReg = [](U32 Idx) -> U32 { return RegValue(Idx); };
     a.TARVIKARM_CP15_ReadEx = [](U8, U8, U8, U8, U32* pOut) -> int {
       *pOut = 0x41;
@@ -597,4 +602,105 @@ TEST_F(DataProvider, AListenerThatWentAwayIsNotCalled) {
   ASSERT_TRUE(PumpUntil([&] { return r.aMem.size() == 1; }));
   EXPECT_EQ(nCalls, 0);
   EXPECT_EQ(P->GetNumWaitingRequests(), 0);
+}
+
+// Locations through the read cache: answered from the mirror when it holds them (also when a memory read
+// filled it), read by one job otherwise, unreadable ones as failed, and read anew after a write.
+TEST_F(DataProvider, LocationsAreAnsweredFromTheMirrorOrByOneJob) {
+  LOC_RECORDER a, b;
+  const ELF_SYM_LOC Word = MemLoc(0x1000);
+  ASSERT_EQ(P->ReadLocAsync(&a, &Word, 4), CDeviceDataProvider::READ_LATER);
+  ASSERT_EQ(P->ReadLocAsync(&b, &Word, 4), CDeviceDataProvider::READ_LATER);
+  ASSERT_TRUE(PumpUntil([&] { return a.aRead.size() == 1 && b.aRead.size() == 1; }));
+  EXPECT_EQ(a.aRead[0].aData, InitialBytes(0x1000, 4));
+  EXPECT_EQ(b.aRead[0].aData, InitialBytes(0x1000, 4));
+  Fill(0x2000, 16);
+  const U64 Started = JobsStarted();
+  const ELF_SYM_LOC Inside = MemLoc(0x2004, ELF_LOC_ADDR_OFFSET, 12);
+  const ELF_SYM_LOC Constant = ConstLoc(0xCAFE);
+  const struct {
+    const char* sWhat;
+    const ELF_SYM_LOC* pLoc;
+    U32 nBytes;
+    std::vector<U8> aExpected;
+  } aAtOnce[] = {
+      {"the same word again", &Word, 4, InitialBytes(0x1000, 4)},
+      {"a location a memory read brought in", &Inside, 8, InitialBytes(0x2004, 8)},
+      {"a constant", &Constant, 2, {0xFE, 0xCA}},
+  };
+  for (const auto& c : aAtOnce) {
+    SCOPED_TRACE(c.sWhat);
+    LOC_RECORDER r;
+    ASSERT_EQ(P->ReadLocAsync(&r, c.pLoc, c.nBytes), CDeviceDataProvider::READ_ANSWERED);
+    ASSERT_EQ(r.aRead.size(), 1u);
+    EXPECT_EQ(r.aRead[0].aData, c.aExpected);
+  }
+  Settle();
+  EXPECT_EQ(JobsStarted(), Started + 1);  // only the settling marker went to the target
+
+  // A register location reads the register once; a location in the hole fails, also synchronously.
+  const ELF_SYM_LOC Reg = RegLoc(5);
+  const ELF_SYM_LOC Hole = MemLoc(kHoleStart + 4);
+  LOC_RECORDER r;
+  ASSERT_EQ(P->ReadLocAsync(&r, &Reg, 4), CDeviceDataProvider::READ_LATER);
+  ASSERT_EQ(P->ReadLocAsync(&r, &Hole, 2), CDeviceDataProvider::READ_LATER);
+  ASSERT_TRUE(PumpUntil([&] { return r.aRead.size() == 2; }));
+  EXPECT_EQ(r.aRead[0].aData, std::vector<U8>({0x05, 0x10, 0x00, 0x00}));  // RegValue(5) = 0x1005
+  EXPECT_FALSE(r.aRead[1].Done);
+  EXPECT_EQ(P->ReadLocAsync(&r, &Reg, 2), CDeviceDataProvider::READ_ANSWERED);
+  EXPECT_EQ(r.aRead.back().aData, std::vector<U8>({0x05, 0x10}));
+  U8 ac[4] = {1, 1, 1, 1};
+  EXPECT_EQ(P->ReadLocSync(&Hole, 4, ac), 1);
+  EXPECT_EQ(std::vector<U8>(ac, ac + 4), std::vector<U8>(4, 0));
+
+  // A write by location reaches the target and empties the mirror: the next read sees the new bytes.
+  const U8 aNew[4] = {1, 2, 3, 4};
+  ASSERT_EQ(pDevice->ScheduleWriteLoc(Word, 4, aNew), 0);
+  ASSERT_TRUE(PumpUntil([&] { return r.aWrite.size() == 1; }));
+  EXPECT_TRUE(r.aWrite[0]);
+  EXPECT_EQ(std::vector<U8>(Memory().aByte + 0x1000, Memory().aByte + 0x1004),
+            std::vector<U8>(aNew, aNew + 4));
+  ASSERT_EQ(P->ReadLocAsync(&r, &Word, 4), CDeviceDataProvider::READ_LATER);
+  ASSERT_TRUE(PumpUntil([&] { return r.aRead.size() == 4; }));
+  EXPECT_EQ(r.aRead.back().aData, std::vector<U8>(aNew, aNew + 4));
+
+  // Bad arguments change nothing.
+  EXPECT_EQ(P->ReadLocAsync(nullptr, &Word, 4), CDeviceDataProvider::READ_BAD_ARGS);
+  EXPECT_EQ(P->ReadLocAsync(&r, nullptr, 4), CDeviceDataProvider::READ_BAD_ARGS);
+  EXPECT_EQ(P->ReadLocAsync(&r, &Word, 0), CDeviceDataProvider::READ_BAD_ARGS);
+  EXPECT_EQ(P->ReadLocAsync(&r, &Word, 9), CDeviceDataProvider::READ_BAD_ARGS);
+  EXPECT_EQ(pDevice->ScheduleReadLoc(Word, 9), -1);
+  EXPECT_EQ(pDevice->ScheduleWriteLoc(Word, 0, aNew), -1);
+}
+
+// A command's read is one job that a step does not cancel, waited for with the event loop running; when
+// the device never gets to it, it gives up at the read job's limit and a late answer goes nowhere.
+TEST_F(DataProvider, ACommandReadSurvivesAStepAndGivesUpAtTheReadLimit) {
+  HoldDeviceThread();
+  READER Window;
+  ASSERT_EQ(P->ReadMemAsync(&Window, 0x1000, 16), CDeviceDataProvider::READ_LATER);
+  // Run by the event loop while the command waits: a step, which cancels the queued reads.
+  QTimer::singleShot(0, [this] {
+    pDevice->ScheduleStepInst();
+    Fake().Release();
+  });
+  std::vector<U8> Data(16, 0xAA), Status(16, 0xAA);
+  EXPECT_EQ(P->ReadMemWait(0x1000, 16, 0, 0, 0, Data.data(), Status.data()), 0);
+  EXPECT_EQ(Data, InitialBytes(0x1000, 16));
+  EXPECT_EQ(Status, std::vector<U8>(16, 0));
+  EXPECT_EQ(Fake().nStep.load(), 1);
+  EXPECT_TRUE(Window.aMem.empty());  // the window's read was cancelled by the step
+
+  HoldDeviceThread();
+  QElapsedTimer Timer;
+  Timer.start();
+  EXPECT_EQ(P->ReadMemWait(0x2000, 16, 0, 0, 0, Data.data(), Status.data()), -1);
+  const qint64 WaitedMS = Timer.elapsed();
+  EXPECT_GE(WaitedMS, JobTypeToTimeoutMS(JT_READ_MEM));
+  EXPECT_LT(WaitedMS, JobTypeToTimeoutMS(JT_READ_MEM) + 2000);
+  EXPECT_EQ(Status, std::vector<U8>(16, 1));
+  std::fill(Data.begin(), Data.end(), U8(0xAA));
+  Fake().Release();
+  Settle();
+  EXPECT_EQ(Data, std::vector<U8>(16, 0xAA));
 }

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "device/Device.h"
+#include "device/DeviceDataProvider.h"
 #include "device/DeviceEventListener.h"
 #include "device/DeviceEvents.h"
 #include "device/probe/ProbeCore.h"
@@ -101,4 +102,35 @@ TEST_F(QemuDevice, KilledQemuIsAConnectionLossThatCancelsWhatWasQueued) {
     ASSERT_TRUE(PumpUntil([&] { return !pDevice->IsConnected(); }));
     Recorder.Calls.clear();
   }
+}
+
+// Half words and words at every alignment, as the Target memory commands do them: reads of the program
+// QEMU loaded, compared with the bytes of the image file, and writes to RAM, compared byte by byte by the
+// little-endian rule of the architecture.
+TEST_F(QemuDevice, UnalignedHalfWordsAndWordsReadAndWriteTheBytesTheyCover) {
+  CQemu Qemu("basic-O0");
+  Attach(Qemu);
+  std::vector<U8> Image = LoadFile(FixturePath("basic-O0", ".bin"));
+  ASSERT_GE(Image.size(), 16u);
+  CDeviceDataProvider* pProvider = CDeviceDataProvider::Instance();
+  for (U32 Size : {2u, 4u}) {
+    for (U32 Addr = 1; Addr < 4; ++Addr) {
+      SCOPED_TRACE(testing::Message() << Size << " bytes at " << Addr);
+      U8 aData[4] = {}, aStatus[4] = {};
+      ASSERT_EQ(pProvider->ReadMemWait(Addr, Size, 0, Size, 0, aData, aStatus), 0);
+      EXPECT_EQ(std::vector<U8>(aData, aData + Size), std::vector<U8>(&Image[Addr], &Image[Addr] + Size));
+    }
+  }
+  const U32 Ram = 0x20000100;
+  const std::vector<U8> Zero(12, 0);
+  ASSERT_EQ(pDevice->ScheduleWriteMem(Ram, 12, Zero.data(), 0, 1, 0), 0);
+  const U32 Word = 0xA1B2C3D4;
+  const U16 Half = 0xBEEF;
+  ASSERT_EQ(pDevice->ScheduleWriteMem(Ram + 1, 4, reinterpret_cast<const U8*>(&Word), 0, 4, 0), 0);
+  ASSERT_EQ(pDevice->ScheduleWriteMem(Ram + 7, 2, reinterpret_cast<const U8*>(&Half), 0, 2, 0), 0);
+  ASSERT_TRUE(PumpUntil([&] { return !pDevice->IsJobPending(JT_WRITE_MEM); }));
+  U8 aBytes[12] = {}, aStatus[12] = {};
+  ASSERT_EQ(pProvider->ReadMemWait(Ram, 12, 0, 1, 0, aBytes, aStatus), 0);
+  EXPECT_EQ(std::vector<U8>(aBytes, aBytes + 12),
+            std::vector<U8>({0x00, 0xD4, 0xC3, 0xB2, 0xA1, 0x00, 0x00, 0xEF, 0xBE, 0x00, 0x00, 0x00}));
 }

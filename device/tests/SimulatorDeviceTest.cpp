@@ -9,9 +9,11 @@
 #include <functional>
 
 #include "device/Device.h"
+#include "device/DeviceDataProvider.h"
 #include "device/DeviceEventListener.h"
 #include "device/DeviceEvents.h"
 #include "device/probe/ProbeCore.h"
+#include "device/tests/LocationRecorder.h"
 #include "device/tests/PumpUntil.h"
 
 namespace {
@@ -269,4 +271,106 @@ TEST(SimulatorDeviceChoice, AConnectedLayerKeepsItsDeviceAndSaysWhy) {
   EXPECT_EQ(TARVIKARM_ReadMemEx(0xE000ED00, 4, &CpuId, 4), 4);
   EXPECT_EQ(CpuId, 0x410CC200u);
   PROBE_ResetLayer();
+}
+
+// Values by location agree with the memory and registers they name: the image's vector table, the
+// stack pointer and PC a reset loads from it, constants by their bytes, register pairs by the low word
+// in the lower register. The same table goes through the direct read, the read cache's synchronous read
+// and a JT_READ_LOCATION job.
+TEST_F(SimulatorDevice, LocationReadsAgreeWithTheMemoryAndRegistersTheyName) {
+  StartWith("basic-O0.bin");
+  auto Bytes = [this](int Offset, int n) {
+    return std::vector<U8>(Image.begin() + Offset, Image.begin() + Offset + n);
+  };
+  const U32 ResetPC = LittleEndianWord(Image, 4) & ~1u;
+  ELF_SYM_LOC StackValue = {};
+  StackValue.kind = ELF_LOC_STACK_VALUE;
+  StackValue.baseKind = ELF_LOC_ADDR;
+  StackValue.baseAddr = 0x20000040;
+  ELF_SYM_LOC Unspecified = RegLoc(ELF_REG_UNSPECIFIED);
+  const struct {
+    const char* sWhat;
+    ELF_SYM_LOC Loc;
+    U32 nBytes;
+    std::vector<U8> aExpected;  // empty: the read fails
+  } aCase[] = {
+      {"word at an address", MemLoc(0), 4, Bytes(0, 4)},
+      {"8 bytes at an address", MemLoc(0), 8, Bytes(0, 8)},
+      {"at an address, the offset left to the caller", MemLoc(4, ELF_LOC_ADDR_OFFSET, 8), 4, Bytes(4, 4)},
+      {"SP in its register", RegLoc(REG_SP), 4, Bytes(0, 4)},
+      {"SP's low half word", RegLoc(REG_SP), 2, Bytes(0, 2)},
+      {"PC as register plus offset",
+       RegLoc(REG_PC, ELF_LOC_REG_VALUE, -16),
+       4,
+       {U8(ResetPC), U8(ResetPC >> 8), U8(ResetPC >> 16), U8(ResetPC >> 24)}},
+      {"constant", ConstLoc(0x1122334455667788ull), 8, {0x88, 0x77, 0x66, 0x55, 0x44, 0x33, 0x22, 0x11}},
+      {"constant's low half word", ConstLoc(0x1122334455667788ull), 2, {0x88, 0x77}},
+      {"address as the value itself", StackValue, 4, {0x40, 0x00, 0x00, 0x20}},
+      {"no location", {}, 4, {}},
+      {"at a register plus offset (the caller's to resolve)", RegLoc(REG_SP, ELF_LOC_AT_REG), 4, {}},
+      {"9 bytes", MemLoc(0), 9, {}},
+      {"no byte", MemLoc(0), 0, {}},
+      {"past the end of the address space", MemLoc(0xFFFFFFFC), 8, {}},
+      {"an unspecified register", Unspecified, 4, {}},
+      {"a pair that would take in the PC", RegLoc(REG_LR), 8, {}},
+  };
+  CDeviceDataProvider* pProvider = CDeviceDataProvider::Instance();
+  pProvider->Invalidate();
+  for (const auto& c : aCase) {
+    SCOPED_TRACE(c.sWhat);
+    const bool Good = !c.aExpected.empty();
+    U8 aDirect[16] = {}, aSync[16] = {};
+    EXPECT_EQ(pDevice->ReadLoc(c.Loc, c.nBytes, aDirect), Good ? 0 : -1);
+    EXPECT_EQ(pProvider->ReadLocSync(&c.Loc, c.nBytes, aSync), Good ? 0 : 1);
+    if (c.nBytes <= 8) {
+      EXPECT_EQ(std::vector<U8>(aDirect, aDirect + c.nBytes),
+                Good ? c.aExpected : std::vector<U8>(c.nBytes, 0));
+      EXPECT_EQ(std::vector<U8>(aSync, aSync + c.nBytes), Good ? c.aExpected : std::vector<U8>(c.nBytes, 0));
+    }
+    pProvider->Invalidate();  // the job below reads the target again
+    LOC_RECORDER Reader;
+    int r = pProvider->ReadLocAsync(&Reader, &c.Loc, c.nBytes);
+    if (c.nBytes == 0 || c.nBytes > 8) {
+      EXPECT_EQ(r, CDeviceDataProvider::READ_BAD_ARGS);
+      continue;
+    }
+    ASSERT_TRUE(PumpUntil([&] { return Reader.aRead.size() == 1; }));
+    EXPECT_EQ(Reader.aRead[0].Done, Good);
+    EXPECT_EQ(Reader.aRead[0].aData, Good ? c.aExpected : std::vector<U8>());
+  }
+}
+
+TEST_F(SimulatorDevice, LocationWritesLandInTheMemoryAndRegistersTheyName) {
+  StartWith("basic-O0.bin");
+  LOC_RECORDER Writer;
+  const U8 aWord[4] = {0xEF, 0xBE, 0xAD, 0xDE};
+  const U8 aPair[8] = {0x88, 0x77, 0x66, 0x55, 0x44, 0x33, 0x22, 0x11};
+  ASSERT_EQ(pDevice->ScheduleWriteLoc(MemLoc(0x20000011), 4, aWord), 0);
+  ASSERT_EQ(pDevice->ScheduleWriteLoc(RegLoc(2), 8, aPair), 0);
+  ASSERT_EQ(pDevice->ScheduleWriteLoc(RegLoc(4), 1, aWord), 0);
+  ASSERT_EQ(pDevice->ScheduleWriteLoc(ConstLoc(5), 4, aWord), 0);
+  ASSERT_TRUE(PumpUntil([&] { return Writer.aWrite.size() == 4; }));
+  EXPECT_EQ(Writer.aWrite, std::vector<bool>({true, true, true, false}));  // a constant has no place
+  U8 aMem[6] = {}, aStatus[6] = {};
+  ASSERT_EQ(pDevice->ReadMem(0x20000010, 6, 0, 1, 0, aMem, aStatus), 6);
+  EXPECT_EQ(std::vector<U8>(aMem, aMem + 6), std::vector<U8>({0x00, 0xEF, 0xBE, 0xAD, 0xDE, 0x00}));
+  I64 R2 = -1, R3 = -1, R4 = -1;
+  ASSERT_EQ(pDevice->ReadReg(U32(pDevice->GetTarvikRegIdx(2)), &R2), 0);
+  ASSERT_EQ(pDevice->ReadReg(U32(pDevice->GetTarvikRegIdx(3)), &R3), 0);
+  ASSERT_EQ(pDevice->ReadReg(U32(pDevice->GetTarvikRegIdx(4)), &R4), 0);
+  EXPECT_EQ(R2, 0x55667788);  // the low word in the lower register
+  EXPECT_EQ(R3, 0x11223344);
+  EXPECT_EQ(R4, 0xEF);  // a byte written to a register is zero-extended
+  // Read back by location the pair agrees, from the register cache the write kept current.
+  U8 aBack[8] = {};
+  EXPECT_EQ(pDevice->ReadLoc(RegLoc(2), 8, aBack), 0);
+  EXPECT_EQ(std::vector<U8>(aBack, aBack + 8), std::vector<U8>(aPair, aPair + 8));
+
+  // Several locations in one job: 4 bytes of each, -1 where one can't be read; the flag comes back.
+  const ELF_SYM_LOC aLoc[] = {RegLoc(REG_SP), MemLoc(0x20000011), {}, RegLoc(3)};
+  ASSERT_EQ(pDevice->ScheduleReadLocs(4, aLoc, 7), 0);
+  ASSERT_TRUE(PumpUntil([&] { return Writer.aReadLocs.size() == 1; }));
+  EXPECT_EQ(Writer.aReadLocs[0],
+            std::vector<I64>({I64(LittleEndianWord(Image, 0)), 0xDEADBEEF, -1, 0x11223344}));
+  EXPECT_EQ(Writer.aReadLocsFlag[0], 7u);
 }
