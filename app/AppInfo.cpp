@@ -5,6 +5,7 @@
 #include <QDateTime>
 #include <QDir>
 #include <QFileInfo>
+#include <QRegularExpression>
 #include <atomic>
 
 #include "app/actions/ActionTable.h"
@@ -94,9 +95,12 @@ QStringList BuildCommandListFromArgs(const QStringList& Args) {
   QString sDevice, sHost, sHostId, sTargetIF, sSpeed, sDataFile;
   bool HaveDevice = false, HaveHost = false, HaveTargetIF = false;
   // The arguments are joined with a blank so that a word and its value given as two arguments
-  // ("-device" "STM32F407") still form one piece "device STM32F407".
-  const QString sAll = Args.join(' ');
-  for (QString sPiece : sAll.split('-')) {
+  // ("-device" "STM32F407") still form one piece "device STM32F407". A dash starts a word only at the
+  // start of an argument or after a blank: device names ("Simulator Cortex-M3") and paths
+  // ("/opt/my-fw.elf") keep theirs.
+  const QString sAll = ' ' + Args.join(' ');
+  static const QRegularExpression WordStart("\\s-");
+  for (QString sPiece : sAll.split(WordStart)) {
     for (int Pass = 0; Pass < 2; ++Pass) {
       int Blank = sPiece.indexOf(' ');
       QString sWord = Blank < 0 ? sPiece : sPiece.left(Blank);

@@ -48,8 +48,8 @@ TEST(CommandLine, DashWordsMakeAProjectCommandList) {
        {"Project.SetDevice (\"STM32F407VG\");", "Project.SetHostIF (\"USB\", \"123\");",
         "Project.SetTargetIF (\"SWD\");", "Project.SetTIFSpeed (\"4000\");", ""}},
       {{"-device", "\"Simulator Cortex-M4\"", "-select", "IP=localhost", "-if", "SWD", "-datafile", "fw.elf"},
-       // everything is split at every dash, so a name holding one is cut there
-       {"Project.SetDevice (\"Simulator Cortex\");", "Project.SetHostIF (\"IP\", \"localhost\");",
+       // a dash inside a value is part of it
+       {"Project.SetDevice (\"Simulator Cortex-M4\");", "Project.SetHostIF (\"IP\", \"localhost\");",
         "Project.SetTargetIF (\"SWD\");", "File.Open (\"fw.elf\");", ""}},
       {{"-device", "\"Sim M4\"", "-select", "USB=77", "-if", "\"JTAG\"", "-datafile", "/tmp/fw.elf"},
        {"Project.SetDevice (\"Sim M4\");", "Project.SetHostIF (\"USB\", \"77\");",
@@ -58,7 +58,7 @@ TEST(CommandLine, DashWordsMakeAProjectCommandList) {
       {{"demo.zvproj"}, {}},
       {{"-device", "X", "-IP", "127.0.0.1", "-if", "SWD", "-datafile", "/opt/my-fw.elf"},
        {"Project.SetDevice (\"X\");", "Project.SetHostIF (\"IP\", \"127.0.0.1\");",
-        "Project.SetTargetIF (\"SWD\");", "File.Open (\"/opt/my\");", ""}},
+        "Project.SetTargetIF (\"SWD\");", "File.Open (\"/opt/my-fw.elf\");", ""}},
   };
   for (const CASE& c : aCase) {
     EXPECT_EQ(BuildCommandListFromArgs(c.Args), c.Lines) << c.Args.join(' ').toStdString();
