@@ -507,16 +507,10 @@ void CDeviceDataProvider::CancelRequests(CDeviceEventListener* pListener) {
 }
 
 int CDeviceDataProvider::_WaitFor(const std::function<U8()>& Status, const char* sWarning) {
-  using namespace std::chrono;
-  const auto Start = steady_clock::now();
-  while (Status() > MS_ERROR) {
-    if (duration_cast<milliseconds>(steady_clock::now() - Start).count() > kSyncWaitMS) {
-      LogMessage(sWarning, MSG_WARNING | MSG_TO_STDOUT | MSG_TO_LOGFILE);
-      return -1;
-    }
-    if (DispatchDeviceEvents(10) == 0) {
-      QThread::yieldCurrentThread();
-    }
+  // The answer comes as a device event: the wait sleeps until one is posted and dispatches it here.
+  if (!WaitForDevice([&] { return Status() <= MS_ERROR; }, kSyncWaitMS, WAIT_DISPATCH_DEVICE_EVENTS)) {
+    LogMessage(sWarning, MSG_WARNING | MSG_TO_STDOUT | MSG_TO_LOGFILE);
+    return -1;
   }
   return 0;
 }
