@@ -718,11 +718,19 @@ void CDevice::_RunJob(DEVICE_JOB* pJob) {
   _Complete(pJob, ReturnCode);
 }
 
+void CDevice::_PostDeferredHaltReport() {
+  if (_HaltReportPending) {
+    _HaltReportPending = false;
+    ReportJobDone(JT_HALT, JOB_STATUS_DONE, _PendingHaltReason, _PendingHaltPC, 0);
+  }
+}
+
 void CDevice::_Complete(DEVICE_JOB* pJob, int ReturnCode) {
   U32 Type = pJob->Type;
   pJob->Status =
       ReturnCode == -1 ? JOB_STATUS_FAILED : (ReturnCode < 0 ? JOB_STATUS_DROPPED : JOB_STATUS_DONE);
   if (pJob->Status == JOB_STATUS_DROPPED) {
+    _PostDeferredHaltReport();
     ReleaseJob(pJob);
     return;
   }
@@ -731,10 +739,12 @@ void CDevice::_Complete(DEVICE_JOB* pJob, int ReturnCode) {
     pJob->aResult[0] = PC > 0 ? PC : 0;
   }
   if (Type == JT_HALT || Type == JT_RUN_TO) {
+    _PostDeferredHaltReport();
     ReleaseJob(pJob);  // the halt sequence tells the outcome
     return;
   }
   if ((Type == JT_STEP_INTO || Type == JT_STEP_OVER || Type == JT_STEP_OUT) && ReturnCode == 1) {
+    _PostDeferredHaltReport();
     ReleaseJob(pJob);  // the step goes on as a run to a hidden breakpoint
     return;
   }
@@ -742,16 +752,21 @@ void CDevice::_Complete(DEVICE_JOB* pJob, int ReturnCode) {
     _UpdateTargetExecState();
   }
   if (Type < 64 && JobEventMuted[Type]) {
+    _PostDeferredHaltReport();
     ReleaseJob(pJob);
     return;
   }
   std::unique_lock<std::recursive_mutex> Lock(_ReleaseMutex);
   if (PostDeviceEvent(DEV_EVENT_JOB_DONE, U64(uintptr_t(pJob)), 0) < 0) {
     Lock.unlock();
+    _PostDeferredHaltReport();
     ReleaseJob(pJob);
     return;
   }
   _RecordsPosted.fetch_add(1);
+  // The halt that a connect found is told right after the connect itself, and before its waiter goes
+  // on: whoever waited for the connect finds both reports queued.
+  _PostDeferredHaltReport();
   // Clearing the pending bit releases a waiter; the release mutex keeps the main thread from zeroing
   // the record before this last write.
   _FlagsOf(pJob).fetch_and(~JOB_FLAG_PENDING, std::memory_order_acq_rel);

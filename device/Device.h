@@ -204,6 +204,8 @@ class CDevice : public QThread {
   void _RunJob(DEVICE_JOB* pJob);
   int _Execute(DEVICE_JOB* pJob);
   void _Complete(DEVICE_JOB* pJob, int ReturnCode);
+  // Posts the halt that a connect found (see _EstablishRunState), once the connect has been reported.
+  void _PostDeferredHaltReport();
   int _CancelQueue(int Queue, U32 Type);
   bool _IsRingElement(const DEVICE_JOB* pJob) const;
   // The oldest pending job of Type, with the id it had when it was seen pending: a slot that is
@@ -222,6 +224,9 @@ class CDevice : public QThread {
   void _CheckHandleHalt();
   void _CheckHandleResume();
   void _OnHalted();
+  // Finds out at once whether a target that was just connected runs or is halted, and for a halted one
+  // runs the halt sequence; a connect is complete only when the target state is known.
+  void _EstablishRunState();
   void _OnInvalidHaltStatus();
   bool _TestConnectionLost();
   bool _ResumeWhenSHIRQIsDiscarded(U32 Addr);
@@ -294,6 +299,11 @@ class CDevice : public QThread {
   // Set with release order as the last step of run(): the destructor's acquire load orders everything
   // the thread did before the rings are freed (QThread::wait alone is invisible to a sanitizer).
   std::atomic<bool> _RunEnded{false};
+  // The halt that the connect job found, told to the listeners after the connect's own completion.
+  bool _HaltReportPending = false;
+  U64 _PendingHaltReason = 0;
+  I64 _PendingHaltPC = 0;
+  bool _InConnect = false;
 
   // Session state.
   std::atomic<bool> _Connected{false};
