@@ -16,6 +16,7 @@
 #include "app/tables/SettingsStore.h"
 #include "app/tables/SettingsTables.h"
 #include "device/DeviceDataProvider.h"
+#include "device/DeviceEvents.h"
 #include "device/probe/ProbeCore.h"
 #include "device/probe/TarvikApi.h"
 #include "script/Project.h"
@@ -76,9 +77,9 @@ int main(int argc, char** argv) {
       QStringList Args = QCoreApplication::arguments();
       if (Args.size() > 1 && IsProjectFileName(Args[1])) {
         pMainWindow->OpenProject(Args[1]);
-        while (CProject::Instance()->IsPending()) {
-          QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
-        }
+        // The thread sleeps between rounds of events instead of spinning through them.
+        WaitForDevice([] { return !CProject::Instance()->IsPending(); }, -1,
+                      WAIT_PROCESS_QT_EVENTS | WAIT_DISPATCH_DEVICE_EVENTS);
       }
       Result = RunBatch(Batch);
       if (Result == BATCH_EXIT_OK && ScriptHasError()) {
