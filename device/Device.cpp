@@ -648,8 +648,10 @@ void CDevice::run() {
     }
     _ResetState();
   }
-  _RunEnded.store(true, std::memory_order_release);
   SignalDeviceProgress();  // waiters see that nobody will finish their jobs any more
+  // The last touch of anything shared: the destructor's acquire load of this flag orders all of the
+  // above before it frees what the thread used.
+  _RunEnded.store(true, std::memory_order_release);
 }
 
 int CDevice::_SchedulerPass() {

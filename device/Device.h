@@ -327,7 +327,7 @@ class CDevice : public QThread {
   std::atomic<U32> _CPUMode{MODE_UND};
   std::atomic<U32> _ExecMode{EXEC_MODE_UNKNOWN};
   U64 _LastPollMS = 0;
-  U64 _LastHaltQueryMS = 0;
+  std::atomic<U64> _LastHaltQueryMS{0};  // IsTargetHalted runs on any thread
 
   // Configuration and what the probe told about the device.
   mutable QMutex _ConfigMutex;

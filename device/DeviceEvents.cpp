@@ -206,6 +206,9 @@ bool IsJobEventFiltered(const DEVICE_JOB* pJob) {
 }
 
 static void _DispatchJobDone(DEVICE_JOB* pJob) {
+  if (!CDevice::HasInstance()) {
+    return;  // the record belonged to a device that is gone; asking for one would start a new thread
+  }
   CDevice* pDevice = CDevice::Instance();
   if (!pDevice->IsValidJob(pJob)) {
     return;  // dropped without a word
