@@ -938,8 +938,12 @@ void CMainWindow::_WindowClosed() {
     CDevice* pDevice = CDevice::Instance();
     pDevice->CancelPendingJobs(JT_ANY, JOB_QUEUE_ALL);
     pDevice->RequestStop();
-    WaitForDevice([pDevice] { return !pDevice->isRunning(); }, -1,
+    WaitForDevice([pDevice] { return pDevice->HasThreadEnded() || !pDevice->isRunning(); }, -1,
                   WAIT_PROCESS_QT_EVENTS | WAIT_DISPATCH_DEVICE_EVENTS);
+    pDevice->wait();
+    // Read after the thread's end so that its last writes are ordered before the process's exit,
+    // where the statics it used are destroyed.
+    (void)pDevice->HasThreadEnded();
   }
   ELF_SaveIndexCache();
   SaveColorsAndFonts();

@@ -176,6 +176,8 @@ class CDevice : public QThread {
   void RequestStop();
   bool IsStopRequested() const { return _StopFlag.load(); }
   bool IsThreadRunning() const { return isRunning() && !_StopFlag.load(); }
+  // True once run() has returned; everything the thread did happens before a true answer.
+  bool HasThreadEnded() const { return _RunEnded.load(std::memory_order_acquire); }
 
   struct STATS {
     U64 NextJobId;
