@@ -83,7 +83,7 @@ TEST_F(DeviceWait, WaiterSleepsWhileTheGdbserverTakesItsTime) {
   SLOW_SERVER Slow;
   CFakeGdbServer Server([&Slow](const std::string& s) { return Slow.Handle(s); });
   UseGdbServer(Server.GetAddress());
-  ASSERT_EQ(pDevice->WaitForJob(JT_SET_CONFIG_PARAM, false), 0);
+  ASSERT_GE(pDevice->WaitForJob(JT_SET_CONFIG_PARAM, false), 0);
   struct CASE {
     const char* sWhat;
     char SlowPacket;
@@ -100,7 +100,7 @@ TEST_F(DeviceWait, WaiterSleepsWhileTheGdbserverTakesItsTime) {
       // Registers are read one by one from now on; writing one drops the block read at the connect.
       Slow.UnreadableBlock = true;
       ASSERT_EQ(pDevice->ScheduleWriteReg(0, 0x1000), 0);
-      ASSERT_EQ(pDevice->WaitForJob(JT_WRITE_REG, true), 0);
+      ASSERT_GE(pDevice->WaitForJob(JT_WRITE_REG, true), 0);  // 1: it had finished already
     }
     Slow.SlowPacket = c.SlowPacket;
     CCpuShare Cpu;
