@@ -22,8 +22,10 @@ esac
 # Packages and the normal build come from the one setup script; the sanitizer builds reuse its list.
 ZEVRA_PACKAGES_ONLY=1 bash scripts/setup.sh
 JOBS=${ZEVRA_JOBS:-$(nproc)}
+# Warnings are not errors here, in CI too: the normal build enforces them, and the sanitizers'
+# instrumentation makes GCC 12 warn falsely inside the standard library (-Wmaybe-uninitialized in
+# <regex>).
 WERROR=OFF
-[ "${CI:-}" = "true" ] && WERROR=ON
 
 # configure DIR FLAGS
 configure() {
