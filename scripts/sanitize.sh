@@ -19,7 +19,7 @@ case "$WHICH" in
     ;;
 esac
 
-# Packages and the normal build come from the one setup script; the sanitizer builds reuse its list.
+# The packages come from the one setup script; the sanitizer builds configure folders of their own.
 ZEVRA_PACKAGES_ONLY=1 bash scripts/setup.sh
 JOBS=${ZEVRA_JOBS:-$(nproc)}
 # Warnings are not errors here, in CI too: the normal build enforces them, and the sanitizers'
