@@ -17,6 +17,7 @@
 #include "app/actions/CommandWait.h"
 #include "app/base/ConsoleCore.h"
 #include "app/base/Log.h"
+#include "device/DeviceEvents.h"
 #include "script/Project.h"
 #include "script/ZvScript.h"
 
@@ -110,9 +111,9 @@ CBatchWatchdog::~CBatchWatchdog() {
 }
 
 void WaitForPendingProject() {
-  while (CProject::Instance()->IsPending()) {
-    QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
-  }
+  // The thread sleeps between rounds of events instead of spinning through them.
+  WaitForDevice([] { return !CProject::Instance()->IsPending(); }, -1,
+                WAIT_PROCESS_QT_EVENTS | WAIT_DISPATCH_DEVICE_EVENTS);
 }
 
 BATCH_OPTIONS ParseBatchOptions(int argc, char** argv) {

@@ -481,13 +481,10 @@ void CMainWindow::OnActionUtilSleepTriggered() {
     SetError(Id, "invalid number", ArgumentForError(sMs));
     return;
   }
-  // Events keep flowing while the command waits (device events included); user input does not.
-  QElapsedTimer Timer;
-  Timer.start();
-  while (Timer.elapsed() < Ms) {
-    QCoreApplication::processEvents(QEventLoop::ExcludeUserInputEvents, 10);
-    DispatchDeviceEvents(10);
-  }
+  // Events keep flowing while the command waits (device events included); user input does not. The
+  // thread sleeps in between.
+  WaitForDevice([] { return false; }, Ms,
+                WAIT_PROCESS_QT_EVENTS | WAIT_DISPATCH_DEVICE_EVENTS | WAIT_NO_USER_INPUT);
 }
 
 void CMainWindow::OnActionExecCmdTriggered() {
@@ -1039,10 +1036,12 @@ bool CMainWindow::_WindowClosed() {
     CDevice* pDevice = CDevice::Instance();
     pDevice->CancelPendingJobs(JT_ANY, JOB_QUEUE_ALL);
     pDevice->RequestStop();
-    while (pDevice->isRunning()) {
-      QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
-      DispatchDeviceEvents(10);
-    }
+    WaitForDevice([pDevice] { return pDevice->HasThreadEnded() || !pDevice->isRunning(); }, -1,
+                  WAIT_PROCESS_QT_EVENTS | WAIT_DISPATCH_DEVICE_EVENTS);
+    pDevice->wait();
+    // Read after the thread's end so that its last writes are ordered before the process's exit,
+    // where the statics it used are destroyed.
+    (void)pDevice->HasThreadEnded();
   }
   ELF_SaveIndexCache();
   SaveColorsAndFonts();

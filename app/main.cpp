@@ -17,6 +17,7 @@
 #include "app/tables/SettingsStore.h"
 #include "app/tables/SettingsTables.h"
 #include "device/DeviceDataProvider.h"
+#include "device/DeviceEvents.h"
 #include "device/probe/ProbeCore.h"
 #include "device/probe/TarvikApi.h"
 #include "script/Project.h"

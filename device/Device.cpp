@@ -5,6 +5,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstring>
+#include <mutex>
 
 #include "app/base/Log.h"
 #include "app/base/SymLoc.h"
@@ -17,18 +18,20 @@ namespace {
 std::atomic<CDevice*> _pInstance{nullptr};
 // Serialises the release of a record (main thread) against the device thread's last touch of it after
 // posting its completion, so a released slot is never written again by the thread that ran it.
-QMutex _ReleaseMutex;
-
-U64 _NowMS() {
-  using namespace std::chrono;
-  return U64(duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count());
-}
+// Recursive: a report posted under it may release a record of its own when the event queue is full.
+std::recursive_mutex _ReleaseMutex;
 
 std::atomic_ref<U32> _TypeOf(DEVICE_JOB* p) {
   return std::atomic_ref<U32>(p->Type);
 }
 std::atomic_ref<U32> _FlagsOf(DEVICE_JOB* p) {
   return std::atomic_ref<U32>(p->Flags);
+}
+std::atomic_ref<U64> _JobIdOf(DEVICE_JOB* p) {
+  return std::atomic_ref<U64>(p->JobId);
+}
+U64 _LoadJobId(const DEVICE_JOB* p) {
+  return std::atomic_ref<U64>(const_cast<DEVICE_JOB*>(p)->JobId).load(std::memory_order_acquire);
 }
 U32 _LoadType(const DEVICE_JOB* p) {
   return std::atomic_ref<U32>(const_cast<DEVICE_JOB*>(p)->Type).load(std::memory_order_acquire);
@@ -103,6 +106,7 @@ CDevice::~CDevice() {
   RequestStop();
   while (!wait(10)) {
   }
+  (void)_RunEnded.load(std::memory_order_acquire);  // orders the thread's last writes before the frees below
   // Free whatever buffers are still attached to records nobody will release any more.
   for (int q = 0; q < kNumQueueSlots; ++q) {
     for (U32 i = 0; i < kJobRingSize; ++i) {
@@ -119,12 +123,15 @@ CDevice::~CDevice() {
 void CDevice::RequestStop() {
   _StopFlag.store(true);
   _WakeUp();
+  SignalDeviceProgress();  // waiters give up when the device stops
 }
 
 void CDevice::_WakeUp() {
-  QMutexLocker Lock(&_WakeMutex);
-  _WakePending = true;
-  _JobAvailable.wakeAll();
+  {
+    std::lock_guard<std::mutex> Lock(_WakeMutex);
+    _WakePending = true;
+  }
+  _JobAvailable.notify_all();
 }
 
 CDevice::STATS CDevice::GetStats() const {
@@ -147,7 +154,7 @@ int CDevice::ScheduleJob(DEVICE_JOB* pJob) {
   RING& Ring = _paRing[Queue];
   DEVICE_JOB* pSlot;
   {
-    QMutexLocker Lock(&_SubmitMutex);
+    std::unique_lock<std::mutex> Lock(_SubmitMutex);
     pSlot = &Ring.aJob[Ring.Tail % kJobRingSize];
     if (_LoadType(pSlot) != 0) {
       Lock.unlock();
@@ -162,18 +169,29 @@ int CDevice::ScheduleJob(DEVICE_JOB* pJob) {
   U32 Type = pJob->Type;
   U32 Flags = pJob->Flags | JOB_FLAG_PENDING;
   DEVICE_JOB Copy = *pJob;
-  Copy.Type = 0;
-  Copy.Flags = 0;
   Copy.JobId = _NextJobId.fetch_add(1);
   Copy.QueueIdx = U32(Queue);
-  *pSlot = Copy;
-  // Pending bit and type are the last things the scheduler may see: a slot is visible only when complete.
-  _FlagsOf(pSlot).store(Flags, std::memory_order_release);
-  _TypeOf(pSlot).store(Type, std::memory_order_release);
+  _Publish(pSlot, Copy, Type, Flags);
   memset(pJob->apData, 0, sizeof(pJob->apData));  // the ring's record owns the buffers now
   _LogDebug("Job scheduled: %s", JobTypeToName(Type));
   _WakeUp();
   return 0;
+}
+
+void CDevice::_Publish(DEVICE_JOB* pSlot, const DEVICE_JOB& Job, U32 Type, U32 Flags) {
+  // The slot is free (type 0), so nobody but its finders looks at it, and they read only the three
+  // atomic fields below. The id goes first: a finder that sees the type or the flags of this job sees
+  // its id too, and one that read an older id finds it changed.
+  pSlot->QueueIdx = Job.QueueIdx;
+  pSlot->Status = Job.Status;
+  memcpy(pSlot->aResult, Job.aResult, sizeof(Job.aResult));
+  memcpy(pSlot->aParam, Job.aParam, sizeof(Job.aParam));
+  memcpy(pSlot->apData, Job.apData, sizeof(Job.apData));
+  memcpy(pSlot->aDataLen, Job.aDataLen, sizeof(Job.aDataLen));
+  _JobIdOf(pSlot).store(Job.JobId, std::memory_order_release);
+  _FlagsOf(pSlot).store(Flags, std::memory_order_release);
+  // Type is the last thing the scheduler may see: a slot is visible only when complete.
+  _TypeOf(pSlot).store(Type, std::memory_order_release);
 }
 
 static DEVICE_JOB _NewJob(U32 Type) {
@@ -449,18 +467,26 @@ void CDevice::ReleaseJob(DEVICE_JOB* pJob) {
   if (pJob == nullptr || !_IsRingElement(pJob) || _LoadType(pJob) == 0) {
     return;
   }
-  QMutexLocker Lock(&_ReleaseMutex);
-  FreeJobData(pJob);
-  U32 Type = _LoadType(pJob);
-  DEVICE_JOB Zero;
-  memset(&Zero, 0, sizeof(Zero));
-  _FlagsOf(pJob).store(0, std::memory_order_relaxed);
-  *pJob = Zero;
-  // Zeroing the type is what hands the slot back to the ring.
-  _TypeOf(pJob).store(0, std::memory_order_release);
-  if (Type != 0) {
+  {
+    std::lock_guard<std::recursive_mutex> Lock(_ReleaseMutex);
+    if (_LoadType(pJob) == 0) {
+      return;  // released meanwhile by the other thread
+    }
+    FreeJobData(pJob);
+    pJob->QueueIdx = 0;
+    pJob->Status = 0;
+    memset(pJob->aResult, 0, sizeof(pJob->aResult));
+    memset(pJob->aParam, 0, sizeof(pJob->aParam));
+    // Waiters and finders read flags, id and type at any time, so these are only ever stored
+    // atomically. The id goes to 0 before the type: a waiter that still reads its id sees a record
+    // that has not been handed back yet.
+    _FlagsOf(pJob).store(0, std::memory_order_release);
+    _JobIdOf(pJob).store(0, std::memory_order_release);
+    // Zeroing the type is what hands the slot back to the ring.
+    _TypeOf(pJob).store(0, std::memory_order_release);
     _RecordsReleased.fetch_add(1);
   }
+  SignalDeviceProgress();
 }
 
 static bool _TypeMatches(U32 Wanted, U32 Type, int Queue) {
@@ -473,19 +499,32 @@ static bool _TypeMatches(U32 Wanted, U32 Type, int Queue) {
   return Wanted == Type;
 }
 
-DEVICE_JOB* CDevice::FindPendingJob(U32 Type, int* pQueue) {
+DEVICE_JOB* CDevice::_FindPendingJob(U32 Type, int* pQueue, U64* pJobId, U32* pFoundType) {
   for (int q = 0; q < kNumQueueSlots; ++q) {
     RING& Ring = _paRing[q];
-    U64 Tail = Ring.Tail;
     // Start one behind the head: that is the job the scheduler is running, still pending until it ends.
-    U64 Head = Ring.Head;
+    U64 Head = Ring.Head.load(std::memory_order_acquire);
+    U64 Tail = Ring.Tail.load(std::memory_order_acquire);
     U64 First = Head > 0 ? Head - 1 : 0;
     for (U64 i = First; i < Tail; ++i) {
       DEVICE_JOB* p = &Ring.aJob[i % kJobRingSize];
+      // Type and flags belong to the job of JobId only when the id reads the same before and after
+      // them: ids are never reused, and a new job's id is published before its flags and type.
+      U64 JobId = _LoadJobId(p);
       U32 t = _LoadType(p);
-      if (t != 0 && (_LoadFlags(p) & JOB_FLAG_PENDING) && _TypeMatches(Type, t, q)) {
+      U32 Flags = _LoadFlags(p);
+      if (JobId == 0 || _LoadJobId(p) != JobId) {
+        continue;
+      }
+      if (t != 0 && (Flags & JOB_FLAG_PENDING) && _TypeMatches(Type, t, q)) {
         if (pQueue) {
           *pQueue = q;
+        }
+        if (pJobId) {
+          *pJobId = JobId;
+        }
+        if (pFoundType) {
+          *pFoundType = t;
         }
         return p;
       }
@@ -494,14 +533,27 @@ DEVICE_JOB* CDevice::FindPendingJob(U32 Type, int* pQueue) {
   return nullptr;
 }
 
+DEVICE_JOB* CDevice::FindPendingJob(U32 Type, int* pQueue) {
+  return _FindPendingJob(Type, pQueue, nullptr, nullptr);
+}
+
+bool CDevice::_IsStillPending(const DEVICE_JOB* pJob, U64 JobId) {
+  // Flags first: flags of a later job in the slot are published after its id, so having seen them the
+  // id read below is no longer JobId.
+  U32 Flags = _LoadFlags(pJob);
+  return (Flags & JOB_FLAG_PENDING) && _LoadJobId(pJob) == JobId;
+}
+
 bool CDevice::IsJobPending(U32 Type) {
   return FindPendingJob(Type, nullptr) != nullptr;
 }
 
-void CDevice::_CancelQueue(int Queue, U32 Type) {
+int CDevice::_CancelQueue(int Queue, U32 Type) {
   RING& Ring = _paRing[Queue];
-  U64 Tail = Ring.Tail;
-  for (U64 i = Ring.Head; i < Tail; ++i) {
+  int nCancelled = 0;
+  U64 Head = Ring.Head.load(std::memory_order_acquire);
+  U64 Tail = Ring.Tail.load(std::memory_order_acquire);
+  for (U64 i = Head; i < Tail; ++i) {
     DEVICE_JOB* p = &Ring.aJob[i % kJobRingSize];
     U32 t = _LoadType(p);
     if (t == 0 || !_TypeMatches(Type, t, Queue)) {
@@ -511,26 +563,31 @@ void CDevice::_CancelQueue(int Queue, U32 Type) {
     if ((Flags & JOB_FLAG_PENDING) && !(Flags & JOB_FLAG_KEEP)) {
       if (_FlagsOf(p).fetch_and(~JOB_FLAG_PENDING) & JOB_FLAG_PENDING) {
         _JobsCancelled.fetch_add(1);
+        ++nCancelled;
       }
     }
   }
+  if (nCancelled > 0) {
+    SignalDeviceProgress();  // a waiter for a cancelled job is done
+  }
+  return nCancelled;
 }
 
 int CDevice::CancelPendingJobs(U32 Type, int Queue) {
-  U64 Before = _JobsCancelled.load();
+  int nCancelled = 0;
   if (Queue == JOB_QUEUE_ALL) {
     for (int q = 0; q < kNumQueueSlots; ++q) {
-      _CancelQueue(q, Type);
+      nCancelled += _CancelQueue(q, Type);
     }
   } else {
     if (Queue == JOB_QUEUE_OWN) {
       Queue = (Type == JT_ANY || Type == JT_ANY_STEP) ? JOB_QUEUE_CONTROL : JobTypeToQueue(Type);
     }
     if (Queue >= 0 && Queue < kNumQueueSlots) {
-      _CancelQueue(Queue, Type);
+      nCancelled = _CancelQueue(Queue, Type);
     }
   }
-  return int(_JobsCancelled.load() - Before);
+  return nCancelled;
 }
 
 int CDevice::ReportJobDone(U32 Type, U32 Status, U64 Param0, I64 Result0, I64 Result1) {
@@ -539,7 +596,7 @@ int CDevice::ReportJobDone(U32 Type, U32 Status, U64 Param0, I64 Result0, I64 Re
   }
   DEVICE_JOB* pSlot;
   {
-    QMutexLocker Lock(&_CompletionMutex);
+    std::lock_guard<std::mutex> Lock(_CompletionMutex);
     pSlot = &_paCompletion[_CompletionIdx];
     _CompletionIdx = (_CompletionIdx + 1) % kJobRingSize;
   }
@@ -554,8 +611,7 @@ int CDevice::ReportJobDone(U32 Type, U32 Status, U64 Param0, I64 Result0, I64 Re
   Job.aResult[1] = Result1;
   Job.JobId = _NextJobId.fetch_add(1);
   Job.QueueIdx = JOB_QUEUE_OWN;
-  *pSlot = Job;
-  _TypeOf(pSlot).store(Type, std::memory_order_release);
+  _Publish(pSlot, Job, Type, 0);
   if (PostDeviceEvent(DEV_EVENT_JOB_DONE, U64(uintptr_t(pSlot)), 0) < 0) {
     ReleaseJob(pSlot);
     return -1;
@@ -569,30 +625,26 @@ int CDevice::ReportJobDone(U32 Type, U32 Status, U64 Param0, I64 Result0, I64 Re
 
 int CDevice::WaitForJob(U32 Type, bool PumpEvents, int TimeoutMS) {
   int Queue = 0;
-  DEVICE_JOB* pJob = FindPendingJob(Type, &Queue);
+  U64 JobId = 0;
+  U32 JobType = 0;
+  DEVICE_JOB* pJob = _FindPendingJob(Type, &Queue, &JobId, &JobType);
   if (pJob == nullptr) {
     return 1;
   }
-  U32 JobType = _LoadType(pJob);
-  U64 JobId = pJob->JobId;
   if (TimeoutMS < 0) {
     TimeoutMS = JobTypeToTimeoutMS(JobType);
   }
-  U64 Start = _NowMS();
-  for (;;) {
-    if (!(_LoadFlags(pJob) & JOB_FLAG_PENDING) || _LoadType(pJob) != JobType || pJob->JobId != JobId) {
-      return 0;
-    }
-    if (!isRunning() || _StopFlag.load()) {
-      break;
-    }
-    if (TimeoutMS > 0 && _NowMS() - Start > U64(TimeoutMS)) {
-      break;
-    }
-    if (PumpEvents && QCoreApplication::instance()) {
-      QCoreApplication::processEvents();
-    }
-    QThread::yieldCurrentThread();
+  bool Finished = false;
+  // The device thread signals every completion, cancellation and release, so the wait sleeps until
+  // then; with PumpEvents it wakes every few ms as well to keep the calling thread's events moving.
+  WaitForDevice(
+      [&] {
+        Finished = !_IsStillPending(pJob, JobId);
+        return Finished || !isRunning() || _StopFlag.load();
+      },
+      TimeoutMS > 0 ? TimeoutMS : -1, PumpEvents ? U32(WAIT_PROCESS_QT_EVENTS) : 0u);
+  if (Finished) {
+    return 0;
   }
   char ac[128];
   snprintf(ac, sizeof(ac), "Timeout while waiting for Job %s", JobTypeToName(JobType));
@@ -623,24 +675,31 @@ void CDevice::run() {
   while (!_StopFlag.load()) {
     int Steps;
     {
-      QMutexLocker Lock(&_DeviceMutex);
+      std::lock_guard<std::recursive_mutex> Lock(_DeviceMutex);
       Steps = _SchedulerPass();
     }
+    // Waiters on device state (halted, running, connected) test again after every pass, ~20 times a
+    // second when idle; a state change without an event of its own reaches them this way.
+    SignalDeviceProgress();
     if (Steps < kMaxStepsPerPass && !_StopFlag.load()) {
-      QMutexLocker Lock(&_WakeMutex);
-      if (!_WakePending) {
-        _JobAvailable.wait(&_WakeMutex, kWakeUpMS);
-      }
+      std::unique_lock<std::mutex> Lock(_WakeMutex);
+      _JobAvailable.wait_for(Lock, std::chrono::milliseconds(kWakeUpMS), [this] { return _WakePending; });
       _WakePending = false;
     }
   }
-  QMutexLocker Lock(&_DeviceMutex);
-  _Disconnect();  // clears breakpoints unless the connection was lost, and closes the probe
-  const TARVIK_API& Probe = GetTarvikApi();
-  if (Probe.TARVIKARM_IsOpen()) {
-    Probe.TARVIKARM_Close();
+  {
+    std::lock_guard<std::recursive_mutex> Lock(_DeviceMutex);
+    _Disconnect();  // clears breakpoints unless the connection was lost, and closes the probe
+    const TARVIK_API& Probe = GetTarvikApi();
+    if (Probe.TARVIKARM_IsOpen()) {
+      Probe.TARVIKARM_Close();
+    }
+    _ResetState();
   }
-  _ResetState();
+  SignalDeviceProgress();  // waiters see that nobody will finish their jobs any more
+  // The last touch of anything shared: the destructor's acquire load of this flag orders all of the
+  // above before it frees what the thread used.
+  _RunEnded.store(true, std::memory_order_release);
 }
 
 int CDevice::_SchedulerPass() {
@@ -709,11 +768,19 @@ void CDevice::_RunJob(DEVICE_JOB* pJob) {
   _Complete(pJob, ReturnCode);
 }
 
+void CDevice::_PostDeferredHaltReport() {
+  if (_HaltReportPending) {
+    _HaltReportPending = false;
+    ReportJobDone(JT_HALT, JOB_STATUS_DONE, _PendingHaltReason, _PendingHaltPC, 0);
+  }
+}
+
 void CDevice::_Complete(DEVICE_JOB* pJob, int ReturnCode) {
   U32 Type = pJob->Type;
   pJob->Status =
       ReturnCode == -1 ? JOB_STATUS_FAILED : (ReturnCode < 0 ? JOB_STATUS_DROPPED : JOB_STATUS_DONE);
   if (pJob->Status == JOB_STATUS_DROPPED) {
+    _PostDeferredHaltReport();
     ReleaseJob(pJob);
     return;
   }
@@ -722,10 +789,12 @@ void CDevice::_Complete(DEVICE_JOB* pJob, int ReturnCode) {
     pJob->aResult[0] = PC > 0 ? PC : 0;
   }
   if (Type == JT_HALT || Type == JT_RUN_TO) {
+    _PostDeferredHaltReport();
     ReleaseJob(pJob);  // the halt sequence tells the outcome
     return;
   }
   if ((Type == JT_STEP_INTO || Type == JT_STEP_OVER || Type == JT_STEP_OUT) && ReturnCode == 1) {
+    _PostDeferredHaltReport();
     ReleaseJob(pJob);  // the step goes on as a run to a hidden breakpoint
     return;
   }
@@ -733,17 +802,24 @@ void CDevice::_Complete(DEVICE_JOB* pJob, int ReturnCode) {
     _UpdateTargetExecState();
   }
   if (Type < 64 && JobEventMuted[Type]) {
+    _PostDeferredHaltReport();
     ReleaseJob(pJob);
     return;
   }
-  QMutexLocker Lock(&_ReleaseMutex);
+  std::unique_lock<std::recursive_mutex> Lock(_ReleaseMutex);
   if (PostDeviceEvent(DEV_EVENT_JOB_DONE, U64(uintptr_t(pJob)), 0) < 0) {
     Lock.unlock();
+    _PostDeferredHaltReport();
     ReleaseJob(pJob);
     return;
   }
   _RecordsPosted.fetch_add(1);
+  // The halt that a connect found is told right after the connect itself, and before its waiter goes
+  // on: whoever waited for the connect finds both reports queued.
+  _PostDeferredHaltReport();
   // Clearing the pending bit releases a waiter; the release mutex keeps the main thread from zeroing
   // the record before this last write.
-  _FlagsOf(pJob).fetch_and(~JOB_FLAG_PENDING);
+  _FlagsOf(pJob).fetch_and(~JOB_FLAG_PENDING, std::memory_order_acq_rel);
+  Lock.unlock();
+  SignalDeviceProgress();
 }

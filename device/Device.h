@@ -5,11 +5,11 @@
 #pragma once
 
 #include <QMutex>
-#include <QRecursiveMutex>
 #include <QThread>
-#include <QWaitCondition>
 #include <atomic>
+#include <condition_variable>
 #include <memory>
+#include <mutex>
 
 #include "app/base/Types.h"
 #include "device/DeviceConfig.h"
@@ -85,7 +85,9 @@ class CDevice : public QThread {
   int ScheduleSetConfigParam(int Param, const char* sValue);
 
   // Waits for the oldest pending job of Type. 1 when there is none, 0 when it finished, -1 on time-out
-  // (the job goes on and its event still arrives). TimeoutMS -1 takes the type's default limit.
+  // (the job goes on and its event still arrives). TimeoutMS -1 takes the type's default limit. The
+  // thread sleeps while it waits: it wakes when the job ends, and with PumpEvents every few ms to
+  // process its Qt events.
   int WaitForJob(U32 Type, bool PumpEvents, int TimeoutMS = -1);
   // WaitForJob with the default limit, then up to ten device events dispatched on the calling thread.
   int WaitForJobThenPump(U32 Type, bool PumpEvents);
@@ -195,6 +197,8 @@ class CDevice : public QThread {
   void RequestStop();
   bool IsStopRequested() const { return _StopFlag.load(); }
   bool IsThreadRunning() const { return isRunning() && !_StopFlag.load(); }
+  // True once run() has returned; everything the thread did happens before a true answer.
+  bool HasThreadEnded() const { return _RunEnded.load(std::memory_order_acquire); }
 
   struct STATS {
     U64 NextJobId;
@@ -223,8 +227,18 @@ class CDevice : public QThread {
   void _RunJob(DEVICE_JOB* pJob);
   int _Execute(DEVICE_JOB* pJob);
   void _Complete(DEVICE_JOB* pJob, int ReturnCode);
-  void _CancelQueue(int Queue, U32 Type);
+  // Posts the halt that a connect found (see _EstablishRunState), once the connect has been reported.
+  void _PostDeferredHaltReport();
+  int _CancelQueue(int Queue, U32 Type);
   bool _IsRingElement(const DEVICE_JOB* pJob) const;
+  // The oldest pending job of Type, with the id it had when it was seen pending: a slot that is
+  // released and filed again meanwhile carries another id, so a waiter never takes it for its own.
+  DEVICE_JOB* _FindPendingJob(U32 Type, int* pQueue, U64* pJobId, U32* pFoundType);
+  // True while the record still holds the job of JobId and that job has not finished.
+  static bool _IsStillPending(const DEVICE_JOB* pJob, U64 JobId);
+  // Stores a filled record into a free slot: the body first, then id, flags and type, each published
+  // with release order, so that whoever sees the type sees the whole record.
+  void _Publish(DEVICE_JOB* pSlot, const DEVICE_JOB& Job, U32 Type, U32 Flags);
   void _WakeUp();
 
   // The halt and notification tests between jobs, and the halt sequence.
@@ -233,6 +247,9 @@ class CDevice : public QThread {
   void _CheckHandleHalt();
   void _CheckHandleResume();
   void _OnHalted();
+  // Finds out at once whether a target that was just connected runs or is halted, and for a halted one
+  // runs the halt sequence; a connect is complete only when the target state is known.
+  void _EstablishRunState();
   void _OnInvalidHaltStatus();
   bool _TestConnectionLost();
   bool _ResumeWhenSHIRQIsDiscarded(U32 Addr);
@@ -295,15 +312,25 @@ class CDevice : public QThread {
 
   std::unique_ptr<RING[]> _paRing;  // kNumQueueSlots rings
   std::unique_ptr<DEVICE_JOB[]> _paCompletion;
-  U32 _CompletionIdx = 0;
-  QMutex _SubmitMutex;
-  QMutex _CompletionMutex;
-  QRecursiveMutex _DeviceMutex;
-  QMutex _WakeMutex;
-  QWaitCondition _JobAvailable;
-  bool _WakePending = false;  // auto-reset: one wait consumes it
+  // Standard mutexes and condition variables (not Qt's), so that a thread sanitizer sees every
+  // hand-over between the device thread and the others.
+  U32 _CompletionIdx = 0;  // guarded by _CompletionMutex
+  std::mutex _SubmitMutex;
+  std::mutex _CompletionMutex;
+  std::recursive_mutex _DeviceMutex;
+  std::mutex _WakeMutex;
+  std::condition_variable _JobAvailable;
+  bool _WakePending = false;  // guarded by _WakeMutex; auto-reset: one wait consumes it
 
   std::atomic<bool> _StopFlag{false};
+  // Set with release order as the last step of run(): the destructor's acquire load orders everything
+  // the thread did before the rings are freed (QThread::wait alone is invisible to a sanitizer).
+  std::atomic<bool> _RunEnded{false};
+  // The halt that the connect job found, told to the listeners after the connect's own completion.
+  bool _HaltReportPending = false;
+  U64 _PendingHaltReason = 0;
+  I64 _PendingHaltPC = 0;
+  bool _InConnect = false;
 
   // Session state.
   std::atomic<bool> _Connected{false};
@@ -327,7 +354,7 @@ class CDevice : public QThread {
   std::atomic<U32> _CPUMode{MODE_UND};
   std::atomic<U32> _ExecMode{EXEC_MODE_UNKNOWN};
   U64 _LastPollMS = 0;
-  U64 _LastHaltQueryMS = 0;
+  std::atomic<U64> _LastHaltQueryMS{0};  // IsTargetHalted runs on any thread
 
   // Configuration and what the probe told about the device.
   mutable QMutex _ConfigMutex;

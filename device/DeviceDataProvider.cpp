@@ -531,16 +531,10 @@ void CDeviceDataProvider::CancelRequests(CDeviceEventListener* pListener) {
 }
 
 int CDeviceDataProvider::_WaitFor(const std::function<U8()>& Status, const char* sWarning) {
-  using namespace std::chrono;
-  const auto Start = steady_clock::now();
-  while (Status() > MS_ERROR) {
-    if (duration_cast<milliseconds>(steady_clock::now() - Start).count() > kSyncWaitMS) {
-      LogMessage(sWarning, MSG_WARNING | MSG_TO_STDOUT | MSG_TO_LOGFILE);
-      return -1;
-    }
-    if (DispatchDeviceEvents(10) == 0) {
-      QThread::yieldCurrentThread();
-    }
+  // The answer comes as a device event: the wait sleeps until one is posted and dispatches it here.
+  if (!WaitForDevice([&] { return Status() <= MS_ERROR; }, kSyncWaitMS, WAIT_DISPATCH_DEVICE_EVENTS)) {
+    LogMessage(sWarning, MSG_WARNING | MSG_TO_STDOUT | MSG_TO_LOGFILE);
+    return -1;
   }
   return 0;
 }
@@ -645,25 +639,10 @@ int CDeviceDataProvider::ReadMemWait(U32 Addr, U32 nBytes, U32 ChunkSize, U32 Ac
     return -1;
   }
   _apWaitedRead.push_back(&Waited);
-  using namespace std::chrono;
-  const auto Start = steady_clock::now();
-  const int LimitMS = JobTypeToTimeoutMS(JT_READ_MEM);
-  while (!Waited.Ended && pDevice->IsThreadRunning()) {
-    const int ElapsedMS = int(duration_cast<milliseconds>(steady_clock::now() - Start).count());
-    if (ElapsedMS >= LimitMS) {
-      LogMessage("Timeout while waiting for Job JT_READ_MEM", MSG_WARNING | MSG_TO_STDOUT | MSG_TO_LOGFILE);
-      break;
-    }
-    // The oldest pending read may be another one; its end is a moment to look at the events again.
-    const int r = pDevice->WaitForJob(JT_READ_MEM, true, LimitMS - ElapsedMS);
-    if (r < 0) {
-      break;  // the time-out is in the log
-    }
-    if (r > 0) {
-      QCoreApplication::processEvents();
-      QThread::yieldCurrentThread();
-    }
-    DispatchDeviceEvents(10);
+  // The answer arrives as a device event: the wait hands events to the listeners and sleeps between them.
+  if (!WaitForDevice([&] { return Waited.Ended || !pDevice->IsThreadRunning(); },
+                     JobTypeToTimeoutMS(JT_READ_MEM), WAIT_PROCESS_QT_EVENTS | WAIT_DISPATCH_DEVICE_EVENTS)) {
+    LogMessage("Timeout while waiting for Job JT_READ_MEM", MSG_WARNING | MSG_TO_STDOUT | MSG_TO_LOGFILE);
   }
   std::erase(_apWaitedRead, &Waited);  // a completion after the time-out must not write here
   if (!Waited.Ended) {

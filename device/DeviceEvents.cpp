@@ -1,10 +1,13 @@
 // The device event ring, its string pool, the event worker and the dispatch to the listeners.
 #include "device/DeviceEvents.h"
 
-#include <QMutex>
+#include <QCoreApplication>
 #include <QTimerEvent>
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstring>
+#include <mutex>
 
 #include "app/base/Log.h"
 #include "device/Device.h"
@@ -16,11 +19,16 @@ namespace {
 DEVICE_EVENT _aEvent[kEventRingSize];
 U32 _EventHead = 0;
 U32 _EventTail = 0;
-QMutex _PostMutex;
-QMutex _TakeMutex;
+// Standard mutexes throughout, so that a thread sanitizer sees every hand-over between the threads.
+std::mutex _PostMutex;
+std::mutex _TakeMutex;
 char _aacStringPool[kEventStringPoolSize][kEventStringLen + 1];
 U32 _StringIdx = 0;
-QMutex _StringMutex;
+std::mutex _StringMutex;
+
+std::mutex _ProgressMutex;
+std::condition_variable _ProgressChanged;
+U64 _Progress = 0;  // guarded by _ProgressMutex
 
 std::atomic_ref<U32> _TypeOf(DEVICE_EVENT& e) {
   return std::atomic_ref<U32>(e.Type);
@@ -35,7 +43,7 @@ bool _IsStepJobType(U32 Type) {
 int PostDeviceEvent(U32 Type, U64 Arg0, U64 Arg1) {
   DEVICE_EVENT* pEntry;
   {
-    QMutexLocker Lock(&_PostMutex);
+    std::unique_lock<std::mutex> Lock(_PostMutex);
     pEntry = &_aEvent[_EventTail];
     if (_TypeOf(*pEntry).load(std::memory_order_acquire) != 0) {
       Lock.unlock();
@@ -48,13 +56,14 @@ int PostDeviceEvent(U32 Type, U64 Arg0, U64 Arg1) {
   pEntry->aArg[1] = Arg1;
   // The type goes in last so that an entry is never seen half written.
   _TypeOf(*pEntry).store(Type, std::memory_order_release);
+  SignalDeviceProgress();
   return 0;
 }
 
 int PostDeviceStringEvent(U32 Type, const char* sText, U64 Arg1) {
   U32 Idx;
   {
-    QMutexLocker Lock(&_StringMutex);
+    std::lock_guard<std::mutex> Lock(_StringMutex);
     Idx = _StringIdx;
     _StringIdx = (_StringIdx + 1) % kEventStringPoolSize;
     size_t n = sText ? strnlen(sText, kEventStringLen) : 0;
@@ -69,7 +78,7 @@ const char* GetDeviceEventString(U64 PoolIdx) {
 }
 
 bool TakeDeviceEvent(DEVICE_EVENT* pEvent) {
-  QMutexLocker Lock(&_TakeMutex);
+  std::lock_guard<std::mutex> Lock(_TakeMutex);
   DEVICE_EVENT& Entry = _aEvent[_EventHead];
   if (_TypeOf(Entry).load(std::memory_order_acquire) == 0) {
     return false;
@@ -85,14 +94,14 @@ bool TakeDeviceEvent(DEVICE_EVENT* pEvent) {
 }
 
 bool IsStepJobEventQueued(U32 Count) {
-  QMutexLocker Lock(&_TakeMutex);
+  std::lock_guard<std::mutex> Lock(_TakeMutex);
   for (U32 i = 0; i < Count; ++i) {
     DEVICE_EVENT& Entry = _aEvent[(_EventHead + i) % kEventRingSize];
     if (_TypeOf(Entry).load(std::memory_order_acquire) != DEV_EVENT_JOB_DONE) {
       continue;
     }
-    const DEVICE_JOB* pJob = reinterpret_cast<const DEVICE_JOB*>(uintptr_t(Entry.aArg[0]));
-    if (pJob && _IsStepJobType(pJob->Type)) {
+    DEVICE_JOB* pJob = reinterpret_cast<DEVICE_JOB*>(uintptr_t(Entry.aArg[0]));
+    if (pJob && _IsStepJobType(std::atomic_ref<U32>(pJob->Type).load(std::memory_order_acquire))) {
       return true;
     }
   }
@@ -100,20 +109,75 @@ bool IsStepJobEventQueued(U32 Count) {
 }
 
 bool IsDeviceEventQueueEmpty() {
-  QMutexLocker Lock(&_TakeMutex);
+  std::lock_guard<std::mutex> Lock(_TakeMutex);
   return _TypeOf(_aEvent[_EventHead]).load(std::memory_order_acquire) == 0;
 }
 
 void ResetDeviceEventQueue() {
-  QMutexLocker PostLock(&_PostMutex);
-  QMutexLocker TakeLock(&_TakeMutex);
+  std::lock_guard<std::mutex> PostLock(_PostMutex);
+  std::lock_guard<std::mutex> TakeLock(_TakeMutex);
   for (U32 i = 0; i < kEventRingSize; ++i) {
     _TypeOf(_aEvent[i]).store(0);
   }
   _EventHead = 0;
   _EventTail = 0;
-  QMutexLocker StringLock(&_StringMutex);
+  std::lock_guard<std::mutex> StringLock(_StringMutex);
   _StringIdx = 0;
+}
+
+U64 GetDeviceProgress() {
+  std::lock_guard<std::mutex> Lock(_ProgressMutex);
+  return _Progress;
+}
+
+void SignalDeviceProgress() {
+  {
+    std::lock_guard<std::mutex> Lock(_ProgressMutex);
+    ++_Progress;
+  }
+  _ProgressChanged.notify_all();
+}
+
+void WaitForDeviceProgress(U64 Seen, int TimeoutMS) {
+  if (TimeoutMS <= 0) {
+    return;
+  }
+  std::unique_lock<std::mutex> Lock(_ProgressMutex);
+  _ProgressChanged.wait_for(Lock, std::chrono::milliseconds(TimeoutMS), [Seen] { return _Progress != Seen; });
+}
+
+bool WaitForDevice(const std::function<bool()>& Done, int TimeoutMS, U32 Flags) {
+  using Clock = std::chrono::steady_clock;
+  const Clock::time_point End = Clock::now() + std::chrono::milliseconds(TimeoutMS < 0 ? 0 : TimeoutMS);
+  const bool ProcessQt = (Flags & WAIT_PROCESS_QT_EVENTS) && QCoreApplication::instance() != nullptr;
+  for (;;) {
+    // The count is read before the test: whatever changes after the test moves it, and the sleep below
+    // returns at once.
+    const U64 Seen = GetDeviceProgress();
+    if (Done()) {
+      return true;
+    }
+    const Clock::time_point Now = Clock::now();
+    if (TimeoutMS >= 0 && Now >= End) {
+      return false;
+    }
+    if (ProcessQt) {
+      QCoreApplication::processEvents((Flags & WAIT_NO_USER_INPUT) ? QEventLoop::ExcludeUserInputEvents
+                                                                   : QEventLoop::AllEvents);
+      if (Done()) {
+        return true;  // a timer of the calling thread (the event worker) may have got there
+      }
+    }
+    if ((Flags & WAIT_DISPATCH_DEVICE_EVENTS) && DispatchDeviceEvents(10) > 0) {
+      continue;  // a listener may have changed what Done() looks at
+    }
+    int SliceMS = ProcessQt ? kWaitPumpIntervalMS : 1000;
+    if (TimeoutMS >= 0) {
+      const auto LeftMS = std::chrono::ceil<std::chrono::milliseconds>(End - Now).count();
+      SliceMS = int(std::min<I64>(SliceMS, LeftMS));
+    }
+    WaitForDeviceProgress(Seen, SliceMS);
+  }
 }
 
 bool IsJobEventFiltered(const DEVICE_JOB* pJob) {
@@ -142,6 +206,9 @@ bool IsJobEventFiltered(const DEVICE_JOB* pJob) {
 }
 
 static void _DispatchJobDone(DEVICE_JOB* pJob) {
+  if (!CDevice::HasInstance()) {
+    return;  // the record belonged to a device that is gone; asking for one would start a new thread
+  }
   CDevice* pDevice = CDevice::Instance();
   if (!pDevice->IsValidJob(pJob)) {
     return;  // dropped without a word

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <QTimer>
+#include <functional>
 
 #include "app/base/Types.h"
 #include "device/DeviceJob.h"
@@ -57,6 +58,28 @@ void ResetDeviceEventQueue();
 void DispatchDeviceEvent(const DEVICE_EVENT& Event);
 // Takes and dispatches up to MaxCount events; returns how many were dispatched.
 int DispatchDeviceEvents(int MaxCount);
+
+// Waiting for the device without spinning. The progress count moves whenever an event is posted, a job
+// finishes or is cancelled or released, and when the device thread stops. A waiter reads the count,
+// tests its condition, and sleeps until the count moves or its slice of time runs out, so it cannot
+// miss a change that came between its test and its sleep.
+U64 GetDeviceProgress();
+void SignalDeviceProgress();
+// Returns when the count differs from Seen, or after TimeoutMS.
+void WaitForDeviceProgress(U64 Seen, int TimeoutMS);
+
+// What WaitForDevice does while it waits.
+enum : U32 {
+  WAIT_PROCESS_QT_EVENTS = 1u << 0,       // the calling thread's Qt events (timers, painting)
+  WAIT_DISPATCH_DEVICE_EVENTS = 1u << 1,  // device events, to the listeners on the calling thread
+  WAIT_NO_USER_INPUT = 1u << 2,           // with WAIT_PROCESS_QT_EVENTS: keystrokes and clicks wait
+};
+// Qt events are processed at least this often while a waiter sleeps; device events wake it at once.
+constexpr int kWaitPumpIntervalMS = 10;
+// Waits until Done() holds (true) or TimeoutMS has passed (false; a negative TimeoutMS has no limit).
+// Between tests the thread sleeps; it wakes on device progress, and every kWaitPumpIntervalMS when it
+// processes Qt events.
+bool WaitForDevice(const std::function<bool()>& Done, int TimeoutMS, U32 Flags);
 
 // The job-event filter: true when a finished job must not be told to anyone.
 bool IsJobEventFiltered(const DEVICE_JOB* pJob);

@@ -200,13 +200,18 @@ int CDevice::_Execute(DEVICE_JOB* pJob) {
   switch (pJob->Type) {
     case JT_CONNECT: {
       CONNECT_MODES Mode = CONNECT_MODES(a[0]);
+      int r;
       if (Mode == CM_BARE) {
-        return _ConnectSimple();
+        r = _ConnectSimple();
+      } else {
+        _Disconnect();
+        r = _ConnectSimple();
+        if (r >= 0) {
+          _FinishConnect(Mode);
+        }
       }
-      _Disconnect();
-      int r = _ConnectSimple();
       if (r >= 0) {
-        _FinishConnect(Mode);
+        _EstablishRunState();
       }
       return r;
     }
@@ -506,8 +511,28 @@ int CDevice::_ConnectSimple() {
   _UpdateTIFSpeed();
   _UpdateHWCapabilityFlags();
   _UpdateEndianess();
-  _Running = true;  // the first poll finds out whether the target is halted
+  _Running = true;  // until the run state is established, the target counts as running
   return 0;
+}
+
+void CDevice::_EstablishRunState() {
+  if (!_Connected.load()) {
+    return;
+  }
+  // The target is asked now rather than at the next poll: until then nobody could tell whether it runs,
+  // and a command right after the connect would find it "running" though it is halted.
+  _Running = true;
+  _Halted = false;
+  _StateValid = false;
+  _HaltSeqActive = false;
+  _HaltRequested = false;
+  _LastPollMS = 0;
+  _InConnect = true;
+  _CheckHandleHalt();
+  _InConnect = false;
+  if (_Running.load()) {
+    _LogDebugMsg("Connect: target is running");
+  }
 }
 
 void CDevice::_FinishConnect(CONNECT_MODES Mode) {
@@ -921,7 +946,9 @@ void CDevice::_CheckHandleNotifications() {
   U32 ConnectMode = _PendingConnectMode.exchange(~0u);
   if (ConnectMode != ~0u) {
     _FinishConnect(CONNECT_MODES(ConnectMode));
+    _EstablishRunState();
     ReportJobDone(JT_CONNECT, _Connected.load() ? JOB_STATUS_DONE : JOB_STATUS_FAILED, ConnectMode, 0, 0);
+    _PostDeferredHaltReport();
   }
   U32 ResetMode = _PendingResetMode.exchange(~0u);
   if (ResetMode != ~0u) {
@@ -1013,7 +1040,15 @@ void CDevice::_OnHalted() {
   _LogDebugMsg("Target has halted and all halt conditions were passed");
   _HiddenBPAddr = ~U64(0);
   if (_SessionReady.load()) {
-    ReportJobDone(JT_HALT, JOB_STATUS_DONE, OnBreakpoint ? HR_BREAKPOINT : HR_HALT, PC >= 0 ? PC : 0, 0);
+    U64 Reason = OnBreakpoint ? HR_BREAKPOINT : HR_HALT;
+    if (_InConnect) {
+      // Told once the connect's own completion has been posted.
+      _HaltReportPending = true;
+      _PendingHaltReason = Reason;
+      _PendingHaltPC = PC >= 0 ? PC : 0;
+    } else {
+      ReportJobDone(JT_HALT, JOB_STATUS_DONE, Reason, PC >= 0 ? PC : 0, 0);
+    }
   }
   _HiddenBPPurpose = 0;
   _HaltSeqActive = false;

@@ -27,6 +27,9 @@ if [ ${#missing[@]} -gt 0 ]; then
   $SUDO apt-get install -y --no-install-recommends "${missing[@]}"
 fi
 
+# ZEVRA_PACKAGES_ONLY=1: only the packages (the sanitizer script configures its own folders).
+[ "${ZEVRA_PACKAGES_ONLY:-}" = 1 ] && exit 0
+
 BUILD_DIR=${ZEVRA_BUILD_DIR:-build}
 WERROR=OFF
 [ "${CI:-}" = "true" ] && WERROR=ON

@@ -1,27 +1,15 @@
 // Waiting for the jobs of a command, and settling the device between batch lines.
 #include "app/actions/CommandWait.h"
 
-#include <QCoreApplication>
-#include <QThread>
-#include <chrono>
-
 #include "app/actions/ActionTable.h"
 #include "device/Device.h"
 #include "device/DeviceEvents.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-bool _Elapsed(Clock::time_point Start, int TimeoutMS) {
-  return Clock::now() - Start > std::chrono::milliseconds(TimeoutMS);
-}
-
-void _Pump() {
-  QCoreApplication::processEvents();
-  DispatchDeviceEvents(10);
-  QThread::yieldCurrentThread();
-}
+// Qt events and device events keep flowing while a command waits; between them the thread sleeps
+// until the device moves.
+constexpr U32 kPumpAll = WAIT_PROCESS_QT_EVENTS | WAIT_DISPATCH_DEVICE_EVENTS;
 
 int _RowByName(const char* sName) {
   for (int Id = 0; Id < kNumActions; ++Id) {
@@ -35,22 +23,15 @@ int _RowByName(const char* sName) {
 // Waits while a connect job is queued and the device thread runs, handling events.
 int _WaitForConnect() {
   CDevice* pDevice = CDevice::Instance();
-  Clock::time_point Start = Clock::now();
-  while (pDevice->IsJobPending(JT_CONNECT) && pDevice->IsThreadRunning()) {
-    if (_Elapsed(Start, 120000)) {
-      return -1;
-    }
-    _Pump();
-  }
-  return 0;
+  bool Done =
+      WaitForDevice([pDevice] { return !pDevice->IsJobPending(JT_CONNECT) || !pDevice->IsThreadRunning(); },
+                    120000, kPumpAll);
+  return Done ? 0 : -1;
 }
 
 int _WaitForHalted(int TimeoutMS) {
   CDevice* pDevice = CDevice::Instance();
-  Clock::time_point Start = Clock::now();
-  while (!pDevice->IsHalted() && pDevice->IsConnected() && !_Elapsed(Start, TimeoutMS)) {
-    _Pump();
-  }
+  WaitForDevice([pDevice] { return pDevice->IsHalted() || !pDevice->IsConnected(); }, TimeoutMS, kPumpAll);
   return 0;
 }
 
@@ -85,19 +66,17 @@ int WaitForCommandJobs(int Id) {
 
 bool SettleDevice(int TimeoutMS) {
   CDevice* pDevice = CDevice::Instance();
-  Clock::time_point Start = Clock::now();
-  for (;;) {
-    QCoreApplication::processEvents();
-    DispatchDeviceEvents(10);
-    bool Busy = pDevice->IsJobPending(JT_ANY) || !IsDeviceEventQueueEmpty();
-    if (!Busy) {
-      return true;
-    }
-    if (_Elapsed(Start, TimeoutMS) || !pDevice->IsThreadRunning()) {
-      return false;
-    }
-    QThread::yieldCurrentThread();
-  }
+  bool Ended = false;
+  bool Settled = WaitForDevice(
+      [&] {
+        if (!pDevice->IsJobPending(JT_ANY) && IsDeviceEventQueueEmpty()) {
+          return true;
+        }
+        Ended = !pDevice->IsThreadRunning();
+        return Ended;
+      },
+      TimeoutMS, kPumpAll);
+  return Settled && !Ended;
 }
 
 int RunActionAndWait(int Id) {

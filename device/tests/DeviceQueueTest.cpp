@@ -135,10 +135,7 @@ TEST_F(DeviceQueue, FullQueueRefusesTheNextJobUntilCompletionsAreDispatched) {
   // has been dispatched on this thread.
   U64 Started = pDevice->GetStats().JobsStarted;
   Fake().Release();
-  auto End = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  while (pDevice->GetStats().JobsStarted < Started + kJobRingSize && std::chrono::steady_clock::now() < End) {
-    QThread::yieldCurrentThread();
-  }
+  WaitForDevice([&] { return pDevice->GetStats().JobsStarted >= Started + kJobRingSize; }, 20000, 0);
   ASSERT_EQ(pDevice->GetStats().JobsStarted, Started + kJobRingSize);
   EXPECT_EQ(pDevice->ScheduleReadReg(1), -1);
   ASSERT_EQ(DispatchDeviceEvents(1), 1);  // the held command's completion
@@ -204,9 +201,7 @@ TEST_F(DeviceQueue, HeldStepKeyReportsOnlyTheLastStep) {
   }
   Fake().Release();
   // Wait for the last step without pumping, so that all five reports are queued together.
-  while (pDevice->IsJobPending(JT_STEP_INST)) {
-    QThread::yieldCurrentThread();
-  }
+  ASSERT_TRUE(WaitForDevice([&] { return !pDevice->IsJobPending(JT_STEP_INST); }, 10000, 0));
   DispatchDeviceEvents(100);
   QStringList Steps = Recorder.Calls.filter("Step");
   EXPECT_EQ(Steps, QStringList({"AboutToStep", "AboutToStep", "AboutToStep", "AboutToStep", "AboutToStep",
