@@ -42,10 +42,13 @@ function(zevra_tests name)
   target_link_libraries(${name} PRIVATE ${ARG_LIBS} GTest::gtest GTest::gmock zevra_warnings)
   target_compile_definitions(${name} PRIVATE
     ZEVRA_SOURCE_DIR="${CMAKE_SOURCE_DIR}" ZEVRA_BINARY_DIR="${CMAKE_BINARY_DIR}")
+  # The environment goes through the test launcher: a list given to the ENVIRONMENT property of
+  # discovered tests loses all but its first entry on the way through the discovery script.
+  set_property(TARGET ${name} PROPERTY CROSSCOMPILING_EMULATOR
+    ${CMAKE_COMMAND} -E env QT_QPA_PLATFORM=offscreen XDG_CONFIG_HOME=${CMAKE_BINARY_DIR}/test-config
+    XDG_CACHE_HOME=${CMAKE_BINARY_DIR}/test-cache HOME=${CMAKE_BINARY_DIR}/test-home)
   gtest_discover_tests(${name}
     DISCOVERY_MODE PRE_TEST
     DISCOVERY_TIMEOUT 60
-    PROPERTIES ENVIRONMENT
-      "QT_QPA_PLATFORM=offscreen;XDG_CONFIG_HOME=${CMAKE_BINARY_DIR}/test-config;XDG_CACHE_HOME=${CMAKE_BINARY_DIR}/test-cache;HOME=${CMAKE_BINARY_DIR}/test-home"
-    TIMEOUT 300)
+    PROPERTIES TIMEOUT 300)
 endfunction()
