@@ -242,8 +242,8 @@ class CLockstep {
   }
 
  private:
-  // Registers the architecture leaves UNKNOWN at reset (R0..R12 and the APSR flags) get the same
-  // values on both sides, so that what the two happen to choose isn't taken for a divergence.
+  // Registers the architecture leaves UNKNOWN at reset (R0..R12, the APSR flags, the FP registers) get the
+  // same values on both sides, so that what the two happen to choose isn't taken for a divergence.
   bool _SetUnknownResetState(LOCKSTEP_RESULT& R) {
     for (const LOCKSTEP_SIDE& S : _aSide) {
       U32 xPSR = 0;
@@ -256,7 +256,7 @@ class CLockstep {
         return false;
       }
       for (const LOCKSTEP_REG& Reg : _aRegs) {
-        if (Reg.Index >= kFirstFpIndex && Reg.Index < kFirstFpIndex + 32) {
+        if ((Reg.Index >= kFirstFpIndex && Reg.Index < kFirstFpIndex + 32) || Reg.Index == kFpscrIndex) {
           S.p->WriteReg(Reg.Index, 0);  // a side without FP registers refuses, and they aren't compared
         }
       }
