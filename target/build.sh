@@ -40,6 +40,7 @@ build_16k isa-m0-O2 cortex-m0 -O2 -g isa.c
 for core in m3 m4; do
   build itblocks-$core-O2 cortex-$core -O2 -g itblocks.c
   build faults-$core-O2 cortex-$core -O2 -g faults.c
+  build mpu-$core-O2 cortex-$core -O2 -g mpu.c
 done
 build isa-m3-O2 cortex-m3 -O2 -g isa.c
 build isa-m4-O2 "cortex-m4 $FPU" -O2 -g isa.c

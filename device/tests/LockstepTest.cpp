@@ -438,6 +438,8 @@ const LOCKSTEP_CASE kCases[] = {
     {"itblocks-m4-O2", M4, 20000},
     {"faults-m3-O2", M3, 20000},
     {"faults-m4-O2", M4, 20000},
+    {"mpu-m3-O2", M3, 20000},
+    {"mpu-m4-O2", M4, 20000},
     {"fpirq-m4-O2", M4, 20000},
     // clang-format on
 };
