@@ -305,7 +305,10 @@ class CLockstep {
       if (Sim != Qemu) {
         // One side has no such register (QEMU 7.2's gdbstub lists no M-profile system registers):
         // nothing to compare, and said once in the result.
-        std::string sNote = Reg.sName + " (" + (Sim ? "QEMU" : "simulator") + " can't read it)";
+        std::string sNote =
+            Reg.sName + " (" + (Sim ? "QEMU" : "simulator") + " can't read it" +
+            (Reg.Index == PROBE_REG_MSP || Reg.Index == PROBE_REG_PSP ? "; compared while in use as SP)"
+                                                                      : ")");
         if (std::find(R.asNotCompared.begin(), R.asNotCompared.end(), sNote) == R.asNotCompared.end()) {
           R.asNotCompared.push_back(sNote);
         }
@@ -315,6 +318,16 @@ class CLockstep {
         sFirst = _Where(Step) + ": " + Reg.sName + " differs: simulator " + _Hex(_aValues[0][Reg.Index]) +
                  ", QEMU " + _Hex(_aValues[1][Reg.Index]);
         sFirst += Reg.Index == PROBE_REG_PC ? "; previous PC " + _Hex(_PrevPC) : _PCs();
+      }
+    }
+    // Where QEMU can't give MSP and PSP, the banked one in use is still its SP: handler mode and
+    // CONTROL.SPSEL 0 mean MSP, else PSP.
+    if (sFirst.empty() && _aOk[0][PROBE_REG_MSP] && !_aOk[1][PROBE_REG_MSP] && _aOk[0][PROBE_REG_CONTROL]) {
+      bool Process = (_aValues[0][PROBE_REG_XPSR] & 0x1FF) == 0 && (_aValues[0][PROBE_REG_CONTROL] & 2);
+      U32 Banked = _aValues[0][Process ? PROBE_REG_PSP : PROBE_REG_MSP];
+      if (Banked != _aValues[1][PROBE_REG_SP]) {
+        sFirst = _Where(Step) + ": " + (Process ? "PSP" : "MSP") + " (the SP in use) differs: simulator " +
+                 _Hex(Banked) + ", QEMU's SP " + _Hex(_aValues[1][PROBE_REG_SP]) + _PCs();
       }
     }
     if (!sFirst.empty()) {
