@@ -390,8 +390,9 @@ class CLockstep {
     U8 ab[2] = {};
     if (_aSide[0].p->ReadMem(PC, 2, ab) == 2 && ab[1] == 0xBE) {
       if (ab[0] == 0xAB && _aValues[1][0] != 0x18) {
-        for (const LOCKSTEP_SIDE& S : _aSide) {
-          S.p->WriteReg(PROBE_REG_PC, PC + 2);
+        for (int s = 0; s < 2; s++) {
+          _aSide[s].p->WriteReg(PROBE_REG_PC, PC + 2);
+          _aValues[s][PROBE_REG_PC] = PC + 2;
         }
         return false;
       }
