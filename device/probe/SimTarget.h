@@ -80,7 +80,8 @@ class CSimTarget : public CProbeBackend, private ISimSystemHost {
     STOP_INTERRUPT,
     STOP_RESET_REQUEST,
     STOP_STEP_DONE,
-    STOP_HALT_REQUEST
+    STOP_HALT_REQUEST,
+    STOP_INSTRUCTION_FAULT
   };
   enum RUN_RESULT { RUN_CONTINUE, RUN_HALTED };
 
@@ -94,10 +95,31 @@ class CSimTarget : public CProbeBackend, private ISimSystemHost {
   void _OnTimeEvents();
   void _TakeHSSSample();
   bool _CanTakePending();
+  // The priority the core runs at: the most urgent active exception, lowered by PRIMASK, BASEPRI and
+  // FAULTMASK.
+  int _ExecutionPriority();
   // Exception entry and return; false when the target can't continue (halted with a log line).
   bool _EnterException(U32 Exception, U32 ReturnAddr);
   bool _ReturnFromException(U32 ExcReturn);
   bool _RaiseHardFault(U32 PC, const char* sWhy);
+  // A UsageFault with its CFSR bits, taken as UsageFault when SHCSR enables it and its priority lets it
+  // preempt, else escalated to HardFault (HFSR.FORCED). On ARMv6-M every fault is a HardFault.
+  bool _RaiseUsageFault(U32 PC, U32 CfsrBits, const char* sWhy);
+  // The same for BusFault (HasAddr: BFAR holds Addr) and MemManage.
+  bool _RaiseBusFault(U32 PC, U32 CfsrBits, bool HasAddr, U32 Addr, const char* sWhy);
+  bool _RaiseMemManage(U32 PC, U32 CfsrBits, const char* sWhy);
+  bool _RaiseFetchFault(U32 PC, const char* sWhy);
+  bool _TakeConfigurableFault(U32 Exception, U32 EnableBit, U32 PC, const char* sWhy);
+  // Faults the emulator does not raise itself, decided before the instruction at PC executes: CFSR
+  // bits, 0 when it may run.
+  U32 _InstructionFault(U32 PC);
+  bool _MayFault(U32 PC) const;  // a quick look at the encoding: false when no check applies
+  void _UpdateInstructionChecks();
+  bool _FPAccessAllowed();
+  // Lazy floating-point state preservation: writes the thread's S0..S15 and FPSCR to the space
+  // reserved at FPCAR once the handler has used the FPU.
+  void _SettleLazyFP();
+  U32 _ControlMask() const;
   void _CoreReset();
   void _SetHalted(PROBE_HALT_REASON Reason);
   void _SetRunning();
@@ -114,10 +136,15 @@ class CSimTarget : public CProbeBackend, private ISimSystemHost {
   void OnSystemResetRequest() override;
   void OnDebugHaltRequest(bool Halt) override;
   void OnStimulusWrite(U32 Port, U32 Value, U32 Size) override;
+  void OnFaultControlChanged() override { _UpdateInstructionChecks(); }
+  void OnFPControlRead() override { _SettleLazyFP(); }
 
   U32 _Core;
   U32 _ClockHz;
+  bool _HasFPU;
   uc_struct* _pUc = nullptr;
+  // Flash and RAM as the emulator sees them, so that the instruction checks read code directly.
+  std::unique_ptr<U8[]> _pFlash, _pRAM;
   std::unique_ptr<CSimSystem> _pSystem;
   PROBE_STREAMS* _pStreams = nullptr;
   std::thread _Thread;
@@ -144,6 +171,11 @@ class CSimTarget : public CProbeBackend, private ISimSystemHost {
   bool _CheckPending = false;
   bool _WatchHit = false;
   bool _ResetRequested = false;
+  bool _CheckInstructions = false;  // some instruction fault needs the check before each instruction
+  bool _CheckDivide = false, _CheckUnaligned = false, _CheckFP = false;
+  bool _aCheckByHighByte[256] = {};  // encodings checked, by the high byte of their first halfword
+  U32 _InstructionFaultBits = 0;
+  U32 _aLazyFP[17] = {};            // S0..S15 and FPSCR of the context whose FP state is still to be saved
   std::vector<U8> _aBreakpointMap;  // one bit per halfword of (Addr >> 1) & 0xFFFF: quick reject
   std::vector<std::pair<U32, int>> _aBreakpoints;  // address, count of users
   std::vector<PROBE_WATCH> _aWatches;
