@@ -1,7 +1,8 @@
 // Faults and the floating-point context of the simulated cores, on programs of a few instructions.
-// Expected fault status, handlers and frames follow the ARMv7-M and ARMv6-M exception rules; the
-// floating-point frames, FPCCR and FPCAR values were recorded from qemu-system-arm 7.2 -M mps2-an386
-// running the same instructions (gdb-multiarch at the same points).
+// Expected fault status, handlers and frames follow the ARMv7-M and ARMv6-M exception rules. The
+// ARMv7-M rows and the floating-point frames, FPCCR and FPCAR values were also recorded from
+// qemu-system-arm 7.2 (-M mps2-an386 for the Cortex-M4, mps2-an385 for the Cortex-M3) running the same
+// instructions, stopped by gdb-multiarch at the same addresses.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -167,6 +168,12 @@ TEST(SimFaultStatus, EachFaultKindSetsItsStatusAndRunsTheHandlerTheSettingsSelec
     if (c.CFSR & (1u << 15)) {
       EXPECT_EQ(CSimSession::ReadU32(kBFAR), c.BFAR) << "BFAR";
     }
+    if (std::string(c.sDevice) != kM0) {
+      // The enables as written, and the active bit of the fault handler that runs.
+      U32 Active = c.HaltPC == kUsageFault ? 1u << 3 : (c.HaltPC == kBusFault ? 1u << 1 : 0u);
+      Active |= c.HaltPC == kMemManage ? 1u : 0u;
+      EXPECT_EQ(CSimSession::ReadU32(kSHCSR), c.SHCSR | Active) << "SHCSR";
+    }
     if (c.StackedPC) {
       U32 SP = TARVIKARM_ReadReg(PROBE_REG_SP);
       EXPECT_EQ(CSimSession::ReadU32(SP + 24), c.StackedPC) << "return address in the frame";
@@ -189,13 +196,15 @@ TEST(SimFaultStatus, DivideByZeroWithoutTheTrapGivesZero) {
 
 TEST(SimFaultStatus, ExceptionReturnToArmStateFaultsAtTheReturnAddress) {
   CSimSession Session;
-  // Thread: svc 0. Handler: clear the T bit of the stacked xPSR and return.
-  _LoadProgram({0xDF00, 0xBE01}, {0x9807, 0xF020, 0x7080, 0x9007, 0x4770});
+  // Thread: nop, svc 0. Handler: clear the T bit of the stacked xPSR and return. (The return address is
+  // word aligned: at a halfword QEMU 7.2 reports UNALIGNED instead, as its ARM-state fetch checks come
+  // first.)
+  _LoadProgram({0xBF00, 0xDF00, 0xBE01}, {0x9807, 0xF020, 0x7080, 0x9007, 0x4770});
   _WriteU32(kSHCSR, kSHCSR_USGFAULTENA);
   EXPECT_EQ(CSimSession::RunToHalt(), U32(kUsageFault));
   EXPECT_EQ(CSimSession::ReadU32(kCFSR), 1u << 17) << "INVSTATE";
   U32 SP = TARVIKARM_ReadReg(PROBE_REG_SP);
-  EXPECT_EQ(CSimSession::ReadU32(SP + 24), 0x102u) << "the return address of the SVC";
+  EXPECT_EQ(CSimSession::ReadU32(SP + 24), 0x104u) << "the return address of the SVC";
   EXPECT_EQ(CSimSession::ReadU32(SP + 28) & (1u << 24), 0u) << "EPSR.T clear in the fault's frame";
   EXPECT_EQ(SP, kStackTop - 0x20) << "the SVC frame was unstacked before the fault";
 }
