@@ -415,6 +415,7 @@ CSimTarget::RUN_RESULT CSimTarget::_Run(U64 MaxInsts, bool Step) {
           break;
         case STOP_INSTRUCTION_FAULT: {
           U32 Bits = _InstructionFaultBits;
+          PC = _InstructionFaultPC;
           const char* sWhy = Bits == SIM_CFSR_NOCP        ? "floating-point instruction without access"
                              : Bits == SIM_CFSR_DIVBYZERO ? "division by zero"
                                                           : "unaligned access";
@@ -883,13 +884,11 @@ U32 CSimTarget::_InstructionFault(U32 PC) {
       }
     }
   }
-  if (Fault) {
-    // A conditional instruction of an IT block that does not pass its condition does nothing.
-    U32 IT = _Reg(UC_ARM_REG_ITSTATE);
-    if ((IT & 0xF) && !_ConditionPassed((IT >> 4) & 0xF, _Reg(UC_ARM_REG_APSR))) {
-      Fault = 0;
-    }
-  }
+  // The emulator calls the code hook of an IT block's instruction only when its condition passes, so
+  // an instruction that does nothing never gets here. It runs an IT block's instruction through even
+  // when the hook stops the emulation, so the fault is raised for the address kept here, not for the
+  // PC where the emulation stopped.
+  _InstructionFaultPC = PC;
   return Fault;
 }
 

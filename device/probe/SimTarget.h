@@ -174,7 +174,7 @@ class CSimTarget : public CProbeBackend, private ISimSystemHost {
   bool _CheckInstructions = false;  // some instruction fault needs the check before each instruction
   bool _CheckDivide = false, _CheckUnaligned = false, _CheckFP = false;
   bool _aCheckByHighByte[256] = {};  // encodings checked, by the high byte of their first halfword
-  U32 _InstructionFaultBits = 0;
+  U32 _InstructionFaultBits = 0, _InstructionFaultPC = 0;
   U32 _aLazyFP[17] = {};            // S0..S15 and FPSCR of the context whose FP state is still to be saved
   std::vector<U8> _aBreakpointMap;  // one bit per halfword of (Addr >> 1) & 0xFFFF: quick reject
   std::vector<std::pair<U32, int>> _aBreakpoints;  // address, count of users

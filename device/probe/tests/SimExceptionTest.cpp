@@ -127,6 +127,10 @@ const FAULT_CASE kFaultCases[] = {
   {"UnalignedLdrd", kM4, {0xE9D0, 0x2300, 0xBE01}, 0x20000002, 0, kSHCSR_USGFAULTENA, kCCRReset, 0, 0, kUsageFault, 1u << 24, 0, 0, 0x100},
   {"UnalignedLdmNarrow", kM4, {0xC80C, 0xBE01}, 0x20000002, 0, 0, kCCRReset, 0, 0, kHardFault, 1u << 24, kHFSR_FORCED, 0, 0x100},
   {"UnalignedLdmWide", kM3, {0xE890, 0x000C, 0xBE01}, 0x20000006, 0, kSHCSR_USGFAULTENA, kCCRReset, 0, 0, kUsageFault, 1u << 24, 0, 0, 0x100},
+  // cmp r1, #1; it eq; ldrdeq: with r1 = 0 the condition fails and the ldrd does nothing; with r1 = 1
+  // it faults.
+  {"LdrdSkippedInItBlock", kM4, {0x2901, 0xBF08, 0xE9D0, 0x2300, 0xBE01}, 0x20000002, 0, kSHCSR_USGFAULTENA, kCCRReset, 0, 0, 0x108, 0, 0, 0, 0},
+  {"LdrdExecutedInItBlock", kM4, {0x2901, 0xBF08, 0xE9D0, 0x2300, 0xBE01}, 0x20000002, 1, kSHCSR_USGFAULTENA, kCCRReset, 0, 0, kUsageFault, 1u << 24, 0, 0, 0x104},
   // ldr and ldrh at odd addresses: allowed, unless UNALIGN_TRP.
   {"UnalignedLdrUntrapped", kM4, {0x6802, 0xBE01}, 0x20000001, 0, kSHCSR_USGFAULTENA, kCCRReset, 0, 0, 0x102, 0, 0, 0, 0},
   {"UnalignedLdrTrapped", kM4, {0x6802, 0xBE01}, 0x20000001, 0, kSHCSR_USGFAULTENA, kCCR_UNALIGN_TRP, 0, 0, kUsageFault, 1u << 24, 0, 0, 0x100},
