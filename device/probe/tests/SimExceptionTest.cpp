@@ -367,3 +367,15 @@ TEST(SimFloatingPoint, ControlAndFpuRegistersReadAsTheCoresHaveThem) {
     EXPECT_EQ(CSimSession::ReadU32(kCPACR), 0u);
   }
 }
+
+TEST(SimFloatingPoint, AValueTheDebuggerWritesBeforeTheLazySaveIsTheOneSaved) {
+  CSimSession Session;
+  _SetUpFpRun(0xC0000000, true);
+  ASSERT_EQ(CSimSession::RunToHalt(), 0x300u);
+  // The thread's S1 still lives in the register until the handler's first FP instruction saves it.
+  EXPECT_EQ(TARVIKARM_WriteReg(PROBE_REG_S0 + 1, 0x41000000), 0);
+  ASSERT_EQ(_ContinuePastBkpt(), 0x306u);
+  EXPECT_EQ(_ReadWords(0x2003FFBC, 1)[0], 0x41000000u) << "S1 in the frame";
+  ASSERT_EQ(_ContinuePastBkpt(), 0x11Cu);
+  EXPECT_EQ(TARVIKARM_ReadReg(3), 0x41000000u) << "the thread gets the written value back";
+}
