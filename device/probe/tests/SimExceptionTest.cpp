@@ -103,7 +103,7 @@ struct FAULT_CASE {
   U32 HaltPC;  // the handler's BKPT, or the end of the code when nothing faults
   U32 CFSR, HFSR;
   U32 BFAR;       // checked when CFSR has BFARVALID
-  U32 StackedPC;  // return address in the fault's frame
+  U32 StackedPC;  // return address in the fault's frame, when a handler runs
 };
 
 const char* const kM4 = "Simulator Cortex-M4";
@@ -120,6 +120,9 @@ const FAULT_CASE kFaultCases[] = {
   {"UsageFaultUnderPrimask", kM4, {0xDE00, 0xBE01}, 0, 0, kSHCSR_USGFAULTENA, kCCRReset, 0, 1, kHardFault, 1u << 16, kHFSR_FORCED, 0, 0x100},
   // bx r0 to an even address: INVSTATE at the target.
   {"BranchToArmState", kM4, {0x4700, 0xBE01, 0xBF00}, 0x104, 0, kSHCSR_USGFAULTENA, kCCRReset, 0, 0, kUsageFault, 1u << 17, 0, 0, 0x104},
+  // ldr.w pc, [r0] loading 0x10C, and mov sp, r0; pop {pc} popping 0: INVSTATE at the even target.
+  {"LoadToPcWithBitZeroClear", kM4, {0xF8D0, 0xF000, 0xBE01, 0xBF00, 0x010C, 0x0000, 0xBF00, 0xBF00}, 0x108, 0, kSHCSR_USGFAULTENA, kCCRReset, 0, 0, kUsageFault, 1u << 17, 0, 0, 0x10C},
+  {"PopToPcWithBitZeroClear", kM4, {0x4685, 0xBD00, 0xBE01}, 0x20000100, 0, kSHCSR_USGFAULTENA, kCCRReset, 0, 0, kUsageFault, 1u << 17, 0, 0, 0},
   // udiv r0, r0, r1 by zero: a plain 0 without DIV_0_TRP, DIVBYZERO with it.
   {"DivideByZeroUntrapped", kM4, {0xFBB0, 0xF0F1, 0xBE01}, 5, 0, kSHCSR_USGFAULTENA, kCCRReset, 0, 0, 0x104, 0, 0, 0, 0},
   {"DivideByZeroTrapped", kM4, {0xFBB0, 0xF0F1, 0xBE01}, 5, 0, kSHCSR_USGFAULTENA, kCCR_DIV_0_TRP, 0, 0, kUsageFault, 1u << 25, 0, 0, 0x100},
@@ -178,7 +181,7 @@ TEST(SimFaultStatus, EachFaultKindSetsItsStatusAndRunsTheHandlerTheSettingsSelec
       Active |= c.HaltPC == kMemManage ? 1u : 0u;
       EXPECT_EQ(CSimSession::ReadU32(kSHCSR), c.SHCSR | Active) << "SHCSR";
     }
-    if (c.StackedPC) {
+    if (c.HaltPC >= kHardFault && c.HaltPC <= kUsageFault) {
       U32 SP = TARVIKARM_ReadReg(PROBE_REG_SP);
       EXPECT_EQ(CSimSession::ReadU32(SP + 24), c.StackedPC) << "return address in the frame";
       EXPECT_EQ(TARVIKARM_ReadReg(PROBE_REG_LR), 0xFFFFFFF9u) << "EXC_RETURN: thread, main stack";
