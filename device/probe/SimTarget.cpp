@@ -745,6 +745,9 @@ void CSimTarget::_UpdateInstructionChecks() {
   Mark(0xBC, 0xBD);
   Mark(0xC0, 0xCF);
   Mark(0xE8, 0xE9);
+  if (_HasFPU) {
+    Mark(0xF3, 0xF3);  // MRS
+  }
   if (_CheckUnaligned) {
     Mark(0x50, 0x6F);
     Mark(0x80, 0x9F);
@@ -876,6 +879,13 @@ U32 CSimTarget::_InstructionFault(U32 PC) {
       // SDIV, UDIV
       if (Reg(H1 & 0xF) == 0) {
         Fault = SIM_CFSR_DIVBYZERO;
+      }
+    } else if (H0 == 0xF3EF && (H1 & 0xF0FF) == 0x8014) {
+      // MRS Rd, CONTROL. The emulator sets a security-extension bit (SFPA, bit 3) along with FPCA, which
+      // the core has not: it goes before the program can read it.
+      U32 Control = _Reg(UC_ARM_REG_CONTROL);
+      if (Control & 8) {
+        _SetReg(UC_ARM_REG_CONTROL, Control & ~8u);
       }
     } else if ((H0 & 0xEC00) == 0xEC00 && ((H1 >> 9) & 7) == 5 && _CheckFP && !_FPAccessAllowed()) {
       // Coprocessor space with coprocessor 10 or 11: the floating-point instructions.

@@ -343,13 +343,14 @@ TEST(SimFloatingPoint, ThreadWithoutFpContextGetsABasicFrame) {
 TEST(SimFloatingPoint, ControlAndFpuRegistersReadAsTheCoresHaveThem) {
   {
     CSimSession Session;
-    _LoadProgram({0xEE30, 0x0A20, 0xBE01}, {});  // vadd.f32 s0, s0, s1
+    _LoadProgram({0xEE30, 0x0A20, 0xF3EF, 0x8214, 0xBE01}, {});  // vadd.f32 s0, s0, s1; mrs r2, control
     EXPECT_EQ(CSimSession::ReadU32(kFPCCR), 0xC0000000u) << "reset: ASPEN, LSPEN";
     EXPECT_EQ(CSimSession::ReadU32(kCPACR), 0u) << "reset: no coprocessor access";
     _WriteU32(kCPACR, kCPACR_FULL);
     TARVIKARM_WriteReg(PROBE_REG_S0 + 1, 0x3F800000);  // S1 = 1.0
-    EXPECT_EQ(CSimSession::RunToHalt(), 0x104u);
+    EXPECT_EQ(CSimSession::RunToHalt(), 0x108u);
     EXPECT_EQ(TARVIKARM_ReadReg(PROBE_REG_CONTROL), 4u) << "FPCA only: CONTROL has bits 0..2";
+    EXPECT_EQ(TARVIKARM_ReadReg(2), 4u) << "the same for the program's MRS";
     EXPECT_EQ(TARVIKARM_ReadReg(PROBE_REG_S0), 0x3F800000u) << "0.0 + 1.0";
     EXPECT_EQ(TARVIKARM_WriteReg(PROBE_REG_S31, 0x12345678), 0);
     EXPECT_EQ(TARVIKARM_ReadReg(PROBE_REG_S31), 0x12345678u);
