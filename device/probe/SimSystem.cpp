@@ -344,10 +344,8 @@ U32 CSimSystem::_ReadWord(U32 Offset, bool FromDebugger) {
     case SCB_CPACR:
       return _CPACR;
     case FP_FPCCR:
-      _pHost->OnFPControlRead();
       return _FPCCR;
     case FP_FPCAR:
-      _pHost->OnFPControlRead();
       return _FPCAR;
     case FP_FPDSCR:
       return _FPDSCR;
@@ -494,6 +492,7 @@ void CSimSystem::_WriteWord(U32 Offset, U32 Value, U32 Mask, bool FromDebugger) 
         // ASPEN, LSPEN and LSPACT are writable; the ready bits record the state at the last entry.
         const U32 Writable = SIM_FPCCR_ASPEN | SIM_FPCCR_LSPEN | SIM_FPCCR_LSPACT;
         _FPCCR = (_FPCCR & ~(Writable & Mask)) | (Set & Writable);
+        _pHost->OnFaultControlChanged();
       }
       break;
     case FP_FPCAR:

@@ -19,8 +19,7 @@ class ISimSystemHost {
   virtual void OnSystemResetRequest() = 0;         // AIRCR.SYSRESETREQ
   virtual void OnDebugHaltRequest(bool Halt) = 0;  // DHCSR.C_HALT written by the debugger
   virtual void OnStimulusWrite(U32 Port, U32 Value, U32 Size) = 0;
-  virtual void OnFaultControlChanged() {}  // CCR or CPACR written: the instruction checks change
-  virtual void OnFPControlRead() {}        // FPCCR or FPCAR about to be read: settle lazy FP state
+  virtual void OnFaultControlChanged() {}  // CCR, CPACR or FPCCR written: the instruction checks change
 };
 
 enum : U32 {

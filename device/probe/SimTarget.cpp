@@ -515,22 +515,20 @@ U32 CSimTarget::_ControlMask() const {
   return _Core == PROBE_CORE_CORTEX_M0 ? 2u : (_HasFPU ? 7u : 3u);
 }
 
-void CSimTarget::_SettleLazyFP() {
-  // The emulator sets CONTROL.FPCA when the handler runs its first floating-point instruction; the
-  // values saved are those of the preempted context, kept since the entry, as the registers held
-  // them until that instruction.
-  if (!_HasFPU || !(_pSystem->GetFPCCR() & SIM_FPCCR_LSPACT) || !(_Reg(UC_ARM_REG_CONTROL) & 4)) {
-    return;
+void CSimTarget::_SaveLazyFP() {
+  // The first floating-point instruction since the entry is about to run: the registers still hold
+  // the preempted context's values.
+  U32 aState[18] = {};
+  for (U32 i = 0; i < 16; i++) {
+    aState[i] = _Reg(UC_ARM_REG_S0 + int(i));
   }
-  U32 aState[18];
-  std::copy(std::begin(_aLazyFP), std::end(_aLazyFP), aState);
-  aState[17] = 0;
+  aState[16] = _Reg(UC_ARM_REG_FPSCR);
   uc_mem_write(_pUc, _pSystem->GetFPCAR(), aState, sizeof(aState));
   _pSystem->SetFPCCR(_pSystem->GetFPCCR() & ~SIM_FPCCR_LSPACT);
+  _UpdateInstructionChecks();
 }
 
 bool CSimTarget::_EnterException(U32 Exception, U32 ReturnAddr) {
-  _SettleLazyFP();
   U32 XPSR = _Reg(UC_ARM_REG_XPSR);
   U32 Control = _Reg(UC_ARM_REG_CONTROL);
   U32 MSP = _Reg(UC_ARM_REG_MSP), PSP = _Reg(UC_ARM_REG_PSP);
@@ -584,7 +582,7 @@ bool CSimTarget::_EnterException(U32 Exception, U32 ReturnAddr) {
                  SIM_FPCCR_BFRDY);
     _pSystem->SetFPCCR(FPCCR);
     _pSystem->SetFPCAR(SP + 0x20);
-    std::copy(aFrame + 8, aFrame + 25, _aLazyFP);
+    _UpdateInstructionChecks();
   }
   (OnPSP ? PSP : MSP) = SP;
   U32 ExcReturn = Handler ? 0xFFFFFFF1u : (OnPSP ? 0xFFFFFFFDu : 0xFFFFFFF9u);
@@ -605,7 +603,6 @@ bool CSimTarget::_EnterException(U32 Exception, U32 ReturnAddr) {
 }
 
 bool CSimTarget::_ReturnFromException(U32 ExcReturn) {
-  _SettleLazyFP();
   U32 XPSR = _Reg(UC_ARM_REG_XPSR);
   U32 Exception = XPSR & 0x1FF;
   U32 Low = ExcReturn & 0x1F;
@@ -634,6 +631,7 @@ bool CSimTarget::_ReturnFromException(U32 ExcReturn) {
       _SetReg(UC_ARM_REG_FPSCR, aFrame[24]);
     } else {
       _pSystem->SetFPCCR(FPCCR & ~SIM_FPCCR_LSPACT);
+      _UpdateInstructionChecks();
     }
   }
   SP += (FPFrame ? 0x68 : 0x20) + ((aFrame[7] & (1u << 9)) ? 4 : 0);
@@ -756,7 +754,9 @@ void CSimTarget::_UpdateInstructionChecks() {
   if (_CheckDivide) {
     Mark(0xFB, 0xFB);
   }
-  if (_CheckFP) {
+  // Floating-point instructions: without access they fault, and with a lazy save pending the first
+  // one triggers it.
+  if (_CheckFP || (_HasFPU && (_pSystem->GetFPCCR() & SIM_FPCCR_LSPACT))) {
     Mark(0xEC, 0xEF);
     Mark(0xFC, 0xFF);
   }
@@ -887,10 +887,14 @@ U32 CSimTarget::_InstructionFault(U32 PC) {
       if (Control & 8) {
         _SetReg(UC_ARM_REG_CONTROL, Control & ~8u);
       }
-    } else if ((H0 & 0xEC00) == 0xEC00 && ((H1 >> 9) & 7) == 5 && _CheckFP && !_FPAccessAllowed()) {
+    } else if ((H0 & 0xEC00) == 0xEC00 && ((H1 >> 9) & 7) == 5) {
       // Coprocessor space with coprocessor 10 or 11: the floating-point instructions.
-      if (_Core != PROBE_CORE_CORTEX_M0) {
-        Fault = SIM_CFSR_NOCP;
+      if (_CheckFP && !_FPAccessAllowed()) {
+        if (_Core != PROBE_CORE_CORTEX_M0) {
+          Fault = SIM_CFSR_NOCP;
+        }
+      } else if (_HasFPU && (_pSystem->GetFPCCR() & SIM_FPCCR_LSPACT)) {
+        _SaveLazyFP();
       }
     }
   }
@@ -1089,15 +1093,6 @@ int CSimTarget::WriteReg(U32 Index, U32 Value) {
   if (Index == PROBE_REG_CONTROL) {
     Value &= _ControlMask();
   }
-  _SettleLazyFP();
-  if (_HasFPU && (_pSystem->GetFPCCR() & SIM_FPCCR_LSPACT)) {
-    // The preempted context's state is still in the registers and is saved from them later.
-    if (Index >= PROBE_REG_S0 && Index < PROBE_REG_S0 + 16) {
-      _aLazyFP[Index - PROBE_REG_S0] = Value;
-    } else if (Index == PROBE_REG_FPSCR) {
-      _aLazyFP[16] = Value;
-    }
-  }
   _SetReg(kUcRegs[Index], Value);
   if (Index == PROBE_REG_PRIMASK || Index == PROBE_REG_BASEPRI || Index == PROBE_REG_FAULTMASK ||
       Index == PROBE_REG_XPSR) {
@@ -1107,7 +1102,6 @@ int CSimTarget::WriteReg(U32 Index, U32 Value) {
 }
 
 int CSimTarget::ReadMem(U32 Addr, U32 NumBytes, U8* pData) {
-  _SettleLazyFP();
   U32 Done = 0;
   while (Done < NumBytes) {
     U32 a = Addr + Done;

@@ -116,9 +116,9 @@ class CSimTarget : public CProbeBackend, private ISimSystemHost {
   bool _MayFault(U32 PC) const;  // a quick look at the encoding: false when no check applies
   void _UpdateInstructionChecks();
   bool _FPAccessAllowed();
-  // Lazy floating-point state preservation: writes the thread's S0..S15 and FPSCR to the space
-  // reserved at FPCAR once the handler has used the FPU.
-  void _SettleLazyFP();
+  // Lazy floating-point state preservation: writes the preempted context's S0..S15 and FPSCR to the
+  // space reserved at FPCAR, before the first floating-point instruction since the entry runs.
+  void _SaveLazyFP();
   U32 _ControlMask() const;
   void _CoreReset();
   void _SetHalted(PROBE_HALT_REASON Reason);
@@ -137,7 +137,6 @@ class CSimTarget : public CProbeBackend, private ISimSystemHost {
   void OnDebugHaltRequest(bool Halt) override;
   void OnStimulusWrite(U32 Port, U32 Value, U32 Size) override;
   void OnFaultControlChanged() override { _UpdateInstructionChecks(); }
-  void OnFPControlRead() override { _SettleLazyFP(); }
 
   U32 _Core;
   U32 _ClockHz;
@@ -175,7 +174,6 @@ class CSimTarget : public CProbeBackend, private ISimSystemHost {
   bool _CheckDivide = false, _CheckUnaligned = false, _CheckFP = false;
   bool _aCheckByHighByte[256] = {};  // encodings checked, by the high byte of their first halfword
   U32 _InstructionFaultBits = 0, _InstructionFaultPC = 0;
-  U32 _aLazyFP[17] = {};            // S0..S15 and FPSCR of the context whose FP state is still to be saved
   std::vector<U8> _aBreakpointMap;  // one bit per halfword of (Addr >> 1) & 0xFFFF: quick reject
   std::vector<std::pair<U32, int>> _aBreakpoints;  // address, count of users
   std::vector<PROBE_WATCH> _aWatches;
