@@ -763,18 +763,6 @@ void CSimTarget::_UpdateInstructionChecks() {
   _CheckInstructions = true;
 }
 
-bool CSimTarget::_MayFault(U32 PC) const {
-  const U8* p;
-  if (PC - SIM_FLASH_ADDR <= SIM_FLASH_SIZE - 4) {
-    p = &_pFlash[PC - SIM_FLASH_ADDR];
-  } else if (PC - SIM_RAM_ADDR <= SIM_RAM_SIZE - 4) {
-    p = &_pRAM[PC - SIM_RAM_ADDR];
-  } else {
-    return false;
-  }
-  return _aCheckByHighByte[p[1]];
-}
-
 bool CSimTarget::_FPAccessAllowed() {
   if (!_HasFPU) {
     return false;

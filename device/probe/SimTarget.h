@@ -113,7 +113,16 @@ class CSimTarget : public CProbeBackend, private ISimSystemHost {
   // Faults the emulator does not raise itself, decided before the instruction at PC executes: CFSR
   // bits, 0 when it may run.
   U32 _InstructionFault(U32 PC);
-  bool _MayFault(U32 PC) const;  // a quick look at the encoding: false when no check applies
+  // A quick look at the encoding, before every instruction: false when no check applies.
+  bool _MayFault(U32 PC) const {
+    if (PC - SIM_FLASH_ADDR <= SIM_FLASH_SIZE - 4) {
+      return _aCheckByHighByte[_pFlash[PC - SIM_FLASH_ADDR + 1]];
+    }
+    if (PC - SIM_RAM_ADDR <= SIM_RAM_SIZE - 4) {
+      return _aCheckByHighByte[_pRAM[PC - SIM_RAM_ADDR + 1]];
+    }
+    return false;
+  }
   void _UpdateInstructionChecks();
   bool _FPAccessAllowed();
   // Lazy floating-point state preservation: writes the preempted context's S0..S15 and FPSCR to the
