@@ -39,20 +39,28 @@ enum : U32 {
   UC_INTR_BKPT = 7,
   UC_INTR_EXCEPTION_EXIT = 8,
   UC_INTR_NOCP = 17,
-};
-
-// Fault status bits of CFSR that the simulator raises itself.
-enum : U32 {
-  CFSR_UNDEFINSTR = 1u << 16,
-  CFSR_NOCP = 1u << 19,
+  UC_INTR_INVSTATE = 18,
+  UC_INTR_UNALIGNED = 22,
 };
 
 const int kUcRegs[PROBE_NUM_REGS] = {
-    UC_ARM_REG_R0,      UC_ARM_REG_R1,        UC_ARM_REG_R2,     UC_ARM_REG_R3,  UC_ARM_REG_R4,
-    UC_ARM_REG_R5,      UC_ARM_REG_R6,        UC_ARM_REG_R7,     UC_ARM_REG_R8,  UC_ARM_REG_R9,
-    UC_ARM_REG_R10,     UC_ARM_REG_R11,       UC_ARM_REG_R12,    UC_ARM_REG_SP,  UC_ARM_REG_LR,
-    UC_ARM_REG_PC,      UC_ARM_REG_XPSR,      UC_ARM_REG_MSP,    UC_ARM_REG_PSP, UC_ARM_REG_PRIMASK,
-    UC_ARM_REG_BASEPRI, UC_ARM_REG_FAULTMASK, UC_ARM_REG_CONTROL};
+    UC_ARM_REG_R0,      UC_ARM_REG_R1,        UC_ARM_REG_R2,      UC_ARM_REG_R3,  UC_ARM_REG_R4,
+    UC_ARM_REG_R5,      UC_ARM_REG_R6,        UC_ARM_REG_R7,      UC_ARM_REG_R8,  UC_ARM_REG_R9,
+    UC_ARM_REG_R10,     UC_ARM_REG_R11,       UC_ARM_REG_R12,     UC_ARM_REG_SP,  UC_ARM_REG_LR,
+    UC_ARM_REG_PC,      UC_ARM_REG_XPSR,      UC_ARM_REG_MSP,     UC_ARM_REG_PSP, UC_ARM_REG_PRIMASK,
+    UC_ARM_REG_BASEPRI, UC_ARM_REG_FAULTMASK, UC_ARM_REG_CONTROL, UC_ARM_REG_S0,  UC_ARM_REG_S1,
+    UC_ARM_REG_S2,      UC_ARM_REG_S3,        UC_ARM_REG_S4,      UC_ARM_REG_S5,  UC_ARM_REG_S6,
+    UC_ARM_REG_S7,      UC_ARM_REG_S8,        UC_ARM_REG_S9,      UC_ARM_REG_S10, UC_ARM_REG_S11,
+    UC_ARM_REG_S12,     UC_ARM_REG_S13,       UC_ARM_REG_S14,     UC_ARM_REG_S15, UC_ARM_REG_S16,
+    UC_ARM_REG_S17,     UC_ARM_REG_S18,       UC_ARM_REG_S19,     UC_ARM_REG_S20, UC_ARM_REG_S21,
+    UC_ARM_REG_S22,     UC_ARM_REG_S23,       UC_ARM_REG_S24,     UC_ARM_REG_S25, UC_ARM_REG_S26,
+    UC_ARM_REG_S27,     UC_ARM_REG_S28,       UC_ARM_REG_S29,     UC_ARM_REG_S30, UC_ARM_REG_S31,
+    UC_ARM_REG_FPSCR};
+
+// Emulator register of core register n (0..14) of an instruction's encoding.
+int _UcCoreReg(U32 n) {
+  return n < 13 ? int(UC_ARM_REG_R0 + n) : (n == 13 ? int(UC_ARM_REG_SP) : int(UC_ARM_REG_LR));
+}
 
 // Slot of an address in the per-halfword tables: flash first, then RAM; -1 elsewhere.
 I64 _CounterSlot(U32 Addr) {
@@ -195,7 +203,8 @@ void SIM_AddDevices() {
 
 // ---- Life cycle ----
 
-CSimTarget::CSimTarget(U32 Core, U32 ClockHz) : _Core(Core), _ClockHz(ClockHz) {
+CSimTarget::CSimTarget(U32 Core, U32 ClockHz)
+    : _Core(Core), _ClockHz(ClockHz), _HasFPU(Core == PROBE_CORE_CORTEX_M4) {
   bool IsM0 = Core == PROBE_CORE_CORTEX_M0;
   _NumBPUnits = IsM0 ? 4 : 6;
   _NumWPUnits = IsM0 ? 2 : 4;
@@ -203,7 +212,7 @@ CSimTarget::CSimTarget(U32 Core, U32 ClockHz) : _Core(Core), _ClockHz(ClockHz) {
   // two can be compared register by register.
   U32 CpuId = IsM0 ? 0x410CC200u : (Core == PROBE_CORE_CORTEX_M3 ? 0x410FC231u : 0x410FC240u);
   _Isa = IsM0 ? SIM_ISA_V6M : (Core == PROBE_CORE_CORTEX_M3 ? SIM_ISA_V7M : SIM_ISA_V7EM_FPSP);
-  _pSystem.reset(new CSimSystem(static_cast<ISimSystemHost*>(this), CpuId, IsM0 ? 2 : 4, !IsM0));
+  _pSystem.reset(new CSimSystem(static_cast<ISimSystemHost*>(this), {CpuId, IsM0 ? 2u : 4u, IsM0, _HasFPU}));
   _aBlockCache.assign(kBlockCacheSize, BLOCK_ENTRY{kNoAddr, 0, 0, 0});
   _aTrace.assign(kTraceCapacity, 0);
   if (uc_open(UC_ARCH_ARM, uc_mode(UC_MODE_THUMB | UC_MODE_MCLASS), &_pUc) != UC_ERR_OK) {
@@ -354,7 +363,9 @@ bool CSimTarget::_OnBlockSlow(const BLOCK_ENTRY& Block) {
       _StopEmulation(STOP_EXCEPTION);
     } else if (_OneBlock && ++_BlocksRun > 1) {
       _StopEmulation(STOP_BLOCK_DONE);
-    } else if (!_OneBlock && (Block.Flags & BLOCK_IT_ACCESS) && !_aWatches.empty()) {
+    } else if ((!_OneBlock && (Block.Flags & _SlowBlockFlags)) ||
+               (_OneBlockChecked && (Block.Flags & _SlowBlockFlags & ~BLOCK_IT_ACCESS))) {
+      // Data breakpoints inside an IT block, or instructions to check before they run.
       _StepThroughLo = Block.Addr;
       _StepThroughHi = Block.Addr + Block.Size;
       _StopEmulation(STOP_STEP_THROUGH);
@@ -396,6 +407,7 @@ void CSimTarget::_FillBlock(BLOCK_ENTRY& Block, U32 Addr, U32 Size) {
   for (U32 Off = 0; Off < n; NumInsts++) {
     U16 H0 = Half(Off), H1 = Half(Off + 2);
     SIM_INST_CHECK Check = SIM_CheckInstruction(_Isa, H0, H1);
+    Flags |= U8(SIM_RuntimeChecksOf(H0, H1) << BLOCK_CHECKS_SHIFT);
     if (Check != SIM_INST_OK && !_aFaultExits.count(Addr + Off)) {
       // The emulator would run it as a later core does. An exit there ends the block before it, so
       // the instructions before it run and the fault comes exactly at it.
@@ -540,7 +552,7 @@ bool CSimTarget::_TakeFaultExit(U32 PC, SIM_INST_CHECK Check) {
   } else {
     snprintf(ac, sizeof(ac), "instruction 0x%04X is undefined on %s", aInst[0], asArch[_Isa]);
   }
-  return _RaiseUsageFault(PC, Check == SIM_INST_NO_COPROCESSOR ? CFSR_NOCP : CFSR_UNDEFINSTR, ac);
+  return _RaiseUsageFault(PC, Check == SIM_INST_NO_COPROCESSOR ? SIM_CFSR_NOCP : SIM_CFSR_UNDEFINSTR, ac);
 }
 
 CSimTarget::STOP_RESULT CSimTarget::_AfterStop(int ErrCode) {
@@ -549,11 +561,21 @@ CSimTarget::STOP_RESULT CSimTarget::_AfterStop(int ErrCode) {
   if (Err != UC_ERR_OK) {
     char ac[160];
     snprintf(ac, sizeof(ac), "%s at address 0x%08X", uc_strerror(Err), _FaultAddr);
-    bool Precise = Err == UC_ERR_READ_UNMAPPED || Err == UC_ERR_WRITE_UNMAPPED || Err == UC_ERR_WRITE_PROT;
-    if (Precise || Err == UC_ERR_FETCH_UNMAPPED || Err == UC_ERR_FETCH_PROT) {
-      _pSystem->RecordBusFault(_FaultAddr, Precise);
+    bool Ok;
+    if (Err == UC_ERR_READ_UNMAPPED || Err == UC_ERR_WRITE_UNMAPPED || Err == UC_ERR_WRITE_PROT ||
+        Err == UC_ERR_READ_PROT) {
+      Ok = _RaiseBusFault(PC, SIM_CFSR_PRECISERR, true, _FaultAddr, ac);
+    } else if (Err == UC_ERR_FETCH_UNMAPPED || Err == UC_ERR_FETCH_PROT) {
+      snprintf(ac, sizeof(ac), "%s at address 0x%08X", uc_strerror(Err), PC);
+      Ok = _RaiseFetchFault(PC, ac);
+    } else if (Err == UC_ERR_INSN_INVALID && !(_Reg(UC_ARM_REG_XPSR) & (1u << 24))) {
+      Ok = _RaiseUsageFault(PC, SIM_CFSR_INVSTATE, "execution in ARM state (EPSR.T clear)");
+    } else if (Err == UC_ERR_INSN_INVALID) {
+      Ok = _RaiseUsageFault(PC, SIM_CFSR_UNDEFINSTR, "undefined instruction");
+    } else {
+      Ok = _RaiseHardFault(PC, ac);
     }
-    return _RaiseHardFault(PC, ac) ? SR_EVENT : SR_HALTED;
+    return Ok ? SR_EVENT : SR_HALTED;
   }
   switch (_StopReason) {
     case STOP_NONE:  // an exit: a breakpoint, an instruction the core lacks, or the end of a step
@@ -595,9 +617,18 @@ CSimTarget::STOP_RESULT CSimTarget::_AfterStop(int ErrCode) {
     case UC_INTR_EXCEPTION_EXIT:
       return _ReturnFromException(PC | 1) ? SR_EVENT : SR_HALTED;
     case UC_INTR_UDEF:
-      return _RaiseUsageFault(PC, CFSR_UNDEFINSTR, "undefined instruction") ? SR_EVENT : SR_HALTED;
+      return _RaiseUsageFault(PC, SIM_CFSR_UNDEFINSTR, "undefined instruction") ? SR_EVENT : SR_HALTED;
     case UC_INTR_NOCP:
-      return _RaiseUsageFault(PC, CFSR_NOCP, "no coprocessor") ? SR_EVENT : SR_HALTED;
+      return _RaiseUsageFault(PC, SIM_CFSR_NOCP, "coprocessor instruction") ? SR_EVENT : SR_HALTED;
+    case UC_INTR_INVSTATE:
+      return _RaiseUsageFault(PC, SIM_CFSR_INVSTATE, "execution in ARM state (EPSR.T clear)") ? SR_EVENT
+                                                                                              : SR_HALTED;
+    case UC_INTR_PREFETCH_ABORT:
+      return _RaiseFetchFault(PC, "instruction fetch from the system region") ? SR_EVENT : SR_HALTED;
+    case UC_INTR_DATA_ABORT:
+    case UC_INTR_UNALIGNED:
+      // The emulator's own alignment checks (exclusive accesses) end up here.
+      return _RaiseUsageFault(PC, SIM_CFSR_UNALIGNED, "unaligned access") ? SR_EVENT : SR_HALTED;
     default: {
       char ac[80];
       snprintf(ac, sizeof(ac), "exception %u", _InterruptNo);
@@ -612,6 +643,13 @@ CSimTarget::STEP_RESULT CSimTarget::_StepOnce() {
     auto Fault = _aFaultExits.find(PC);
     if (Fault != _aFaultExits.end()) {
       return _TakeFaultExit(PC, Fault->second) ? STEP_DONE : STEP_HALTED;
+    }
+    bool Faulted = false;
+    if (!_CheckBeforeStep(PC, &Faulted)) {
+      return STEP_HALTED;
+    }
+    if (Faulted) {
+      return STEP_DONE;
     }
     U16 H0 = 0;
     uc_mem_read(_pUc, PC, &H0, 2);
@@ -685,7 +723,9 @@ CSimTarget::RUN_RESULT CSimTarget::_Run(U64 MaxInsts, bool Step) {
         _SetHalted(PROBE_HALT_BREAKPOINT);
         return RUN_HALTED;
       }
+      _OneBlockChecked = true;
       Err = _EmulateOneBlock(PC, kNoAddr);
+      _OneBlockChecked = false;
       if (_BlocksRun > 0) {
         _PassPC = kNoAddr;
       }
@@ -720,12 +760,7 @@ CSimTarget::RUN_RESULT CSimTarget::_Run(U64 MaxInsts, bool Step) {
 
 // ---- Exceptions ----
 
-bool CSimTarget::_CanTakePending() {
-  U32 Exc = _pSystem->GetHighestPending();
-  if (Exc == 0) {
-    _CheckPending = false;
-    return false;
-  }
+int CSimTarget::_ExecutionPriority() {
   int Exec = _pSystem->GetActivePriority();
   if (_Reg(UC_ARM_REG_PRIMASK) & 1) {
     Exec = std::min(Exec, 0);
@@ -739,12 +774,39 @@ bool CSimTarget::_CanTakePending() {
       Exec = std::min(Exec, -1);
     }
   }
+  return Exec;
+}
+
+bool CSimTarget::_CanTakePending() {
+  U32 Exc = _pSystem->GetHighestPending();
+  if (Exc == 0) {
+    _CheckPending = false;
+    return false;
+  }
   // Stays set while an exception waits, so the hook re-checks after PRIMASK or BASEPRI change.
-  return _pSystem->GetPriority(Exc) < Exec;
+  return _pSystem->GetPriority(Exc) < _ExecutionPriority();
 }
 
 U32 CSimTarget::GetActiveException() {
   return _Reg(UC_ARM_REG_XPSR) & 0x1FF;
+}
+
+U32 CSimTarget::_ControlMask() const {
+  // nPRIV and SPSEL, and FPCA where there is an FPU; the Cortex-M0 has no unprivileged mode.
+  return _Core == PROBE_CORE_CORTEX_M0 ? 2u : (_HasFPU ? 7u : 3u);
+}
+
+void CSimTarget::_SaveLazyFP() {
+  // The first floating-point instruction since the entry is about to run: the registers still hold
+  // the preempted context's values.
+  U32 aState[18] = {};
+  for (U32 i = 0; i < 16; i++) {
+    aState[i] = _Reg(UC_ARM_REG_S0 + int(i));
+  }
+  aState[16] = _Reg(UC_ARM_REG_FPSCR);
+  uc_mem_write(_pUc, _pSystem->GetFPCAR(), aState, sizeof(aState));
+  _pSystem->SetFPCCR(_pSystem->GetFPCCR() & ~SIM_FPCCR_LSPACT);
+  _UpdateInstructionChecks();
 }
 
 bool CSimTarget::_EnterException(U32 Exception, U32 ReturnAddr) {
@@ -753,14 +815,27 @@ bool CSimTarget::_EnterException(U32 Exception, U32 ReturnAddr) {
   U32 MSP = _Reg(UC_ARM_REG_MSP), PSP = _Reg(UC_ARM_REG_PSP);
   bool Handler = (XPSR & 0x1FF) != 0;
   bool OnPSP = !Handler && (Control & 2);
+  // With an active floating-point context the frame is the extended one: S0..S15, FPSCR and a
+  // reserved word follow the basic eight words.
+  bool FPFrame = _HasFPU && (Control & 4);
+  U32 FrameSize = FPFrame ? 0x68 : 0x20;
   U32 SP = OnPSP ? PSP : MSP;
   U32 Align = SP & 4;
-  SP = (SP - Align) - 32;
-  U32 aFrame[8] = {_Reg(UC_ARM_REG_R0), _Reg(UC_ARM_REG_R1),           _Reg(UC_ARM_REG_R2),
-                   _Reg(UC_ARM_REG_R3), _Reg(UC_ARM_REG_R12),          _Reg(UC_ARM_REG_LR),
-                   ReturnAddr & ~1u,    XPSR | (Align ? (1u << 9) : 0)};
+  SP = (SP - FrameSize) & ~7u;
+  U32 aFrame[26] = {_Reg(UC_ARM_REG_R0), _Reg(UC_ARM_REG_R1),           _Reg(UC_ARM_REG_R2),
+                    _Reg(UC_ARM_REG_R3), _Reg(UC_ARM_REG_R12),          _Reg(UC_ARM_REG_LR),
+                    ReturnAddr & ~1u,    XPSR | (Align ? (1u << 9) : 0)};
+  U32 FPCCR = _pSystem->GetFPCCR();
+  bool Lazy = FPFrame && (FPCCR & SIM_FPCCR_LSPEN);
+  if (FPFrame) {
+    for (U32 i = 0; i < 16; i++) {
+      aFrame[8 + i] = _Reg(UC_ARM_REG_S0 + int(i));
+    }
+    aFrame[24] = _Reg(UC_ARM_REG_FPSCR);
+  }
   U32 Handler_ = 0;
-  if (uc_mem_write(_pUc, SP, aFrame, sizeof(aFrame)) != UC_ERR_OK) {
+  // A lazy frame only reserves the space of the floating-point state.
+  if (uc_mem_write(_pUc, SP, aFrame, Lazy ? 32 : FrameSize) != UC_ERR_OK) {
     PROBE_PostWarning("Exception %u: stack frame at 0x%08X can't be written; target halted", Exception, SP);
     _SetHalted(PROBE_HALT_FAULT);
     return false;
@@ -771,10 +846,33 @@ bool CSimTarget::_EnterException(U32 Exception, U32 ReturnAddr) {
     _SetHalted(PROBE_HALT_FAULT);
     return false;
   }
+  if (Lazy) {
+    // What the handler may later need in order to save the state: where, and which faults could be
+    // taken if saving it failed, from the priority of the context that was preempted.
+    int Exec = _ExecutionPriority();
+    U32 SHCSR = _pSystem->GetSHCSR();
+    FPCCR &= ~(SIM_FPCCR_USER | SIM_FPCCR_THREAD | SIM_FPCCR_HFRDY | SIM_FPCCR_MMRDY | SIM_FPCCR_BFRDY);
+    FPCCR |= SIM_FPCCR_LSPACT;
+    auto Bit = [](bool On, U32 Mask) { return On ? Mask : 0u; };
+    FPCCR |= Bit(!Handler && (Control & 1), SIM_FPCCR_USER);
+    FPCCR |= Bit(!Handler, SIM_FPCCR_THREAD);
+    FPCCR |= Bit(Exec > -1, SIM_FPCCR_HFRDY);
+    FPCCR |= Bit((SHCSR & SIM_SHCSR_MEMFAULTENA) && Exec > _pSystem->GetPriority(SIM_EXC_MEMMANAGE),
+                 SIM_FPCCR_MMRDY);
+    FPCCR |= Bit((SHCSR & SIM_SHCSR_BUSFAULTENA) && Exec > _pSystem->GetPriority(SIM_EXC_BUSFAULT),
+                 SIM_FPCCR_BFRDY);
+    _pSystem->SetFPCCR(FPCCR);
+    _pSystem->SetFPCAR(SP + 0x20);
+    _UpdateInstructionChecks();
+  }
   (OnPSP ? PSP : MSP) = SP;
   U32 ExcReturn = Handler ? 0xFFFFFFF1u : (OnPSP ? 0xFFFFFFFDu : 0xFFFFFFF9u);
-  // Mode first, then both stack pointers: the emulator files SP by the mode in force.
-  _SetReg(UC_ARM_REG_CONTROL, Control & ~2u);
+  if (FPFrame) {
+    ExcReturn &= ~0x10u;
+  }
+  // Mode first, then both stack pointers: the emulator files SP by the mode in force. The handler
+  // starts on the main stack without a floating-point context.
+  _SetReg(UC_ARM_REG_CONTROL, Control & 1u);
   _SetReg(UC_ARM_REG_XPSR, (XPSR & 0xF0000000u) | (1u << 24) | Exception);
   _SetReg(UC_ARM_REG_MSP, MSP);
   _SetReg(UC_ARM_REG_PSP, PSP);
@@ -788,20 +886,36 @@ bool CSimTarget::_EnterException(U32 Exception, U32 ReturnAddr) {
 bool CSimTarget::_ReturnFromException(U32 ExcReturn) {
   U32 XPSR = _Reg(UC_ARM_REG_XPSR);
   U32 Exception = XPSR & 0x1FF;
-  if (Exception == 0 || (ExcReturn & 0xF) == 0 ||
-      ((ExcReturn & 0xF) != 1 && (ExcReturn & 0xF) != 9 && (ExcReturn & 0xF) != 0xD)) {
-    return _RaiseHardFault(_Reg(UC_ARM_REG_LR), "invalid exception return");
+  U32 Low = ExcReturn & 0x1F;
+  bool FPFrame = !(ExcReturn & 0x10);
+  if (Exception == 0 || (Low & 0xF) == 0 || ((Low & 0xF) != 1 && (Low & 0xF) != 9 && (Low & 0xF) != 0xD) ||
+      (FPFrame && !_HasFPU)) {
+    return _RaiseUsageFault(ExcReturn, SIM_CFSR_INVPC, "invalid exception return");
   }
   _pSystem->SetActive(Exception, false);
   bool ToThread = (ExcReturn & 8) != 0;
   bool ToPSP = (ExcReturn & 4) != 0;
   U32 MSP = _Reg(UC_ARM_REG_MSP), PSP = _Reg(UC_ARM_REG_PSP);
   U32 SP = ToPSP ? PSP : MSP;
-  U32 aFrame[8];
-  if (uc_mem_read(_pUc, SP, aFrame, sizeof(aFrame)) != UC_ERR_OK) {
-    return _RaiseHardFault(0xFFFFFFFFu, "exception return frame can't be read");
+  U32 aFrame[26];
+  U32 FPCCR = _pSystem->GetFPCCR();
+  // A lazy frame whose state was never saved holds nothing: the registers still have the values.
+  bool ReadFP = FPFrame && !(FPCCR & SIM_FPCCR_LSPACT);
+  if (uc_mem_read(_pUc, SP, aFrame, ReadFP ? 0x68 : 0x20) != UC_ERR_OK) {
+    return _RaiseBusFault(ExcReturn, SIM_CFSR_UNSTKERR, false, 0, "exception return frame can't be read");
   }
-  SP += 32 + ((aFrame[7] & (1u << 9)) ? 4 : 0);
+  if (FPFrame) {
+    if (ReadFP) {
+      for (U32 i = 0; i < 16; i++) {
+        _SetReg(UC_ARM_REG_S0 + int(i), aFrame[8 + i]);
+      }
+      _SetReg(UC_ARM_REG_FPSCR, aFrame[24]);
+    } else {
+      _pSystem->SetFPCCR(FPCCR & ~SIM_FPCCR_LSPACT);
+      _UpdateInstructionChecks();
+    }
+  }
+  SP += (FPFrame ? 0x68 : 0x20) + ((aFrame[7] & (1u << 9)) ? 4 : 0);
   (ToPSP ? PSP : MSP) = SP;
   U32 NewXPSR = aFrame[7] & ~(1u << 9);
   if (!ToThread && (NewXPSR & 0x1FF) == 0) {
@@ -810,9 +924,12 @@ bool CSimTarget::_ReturnFromException(U32 ExcReturn) {
   if (ToThread) {
     NewXPSR &= ~0x1FFu;
   }
+  bool ThumbState = (aFrame[7] & (1u << 24)) != 0;
   _SetReg(UC_ARM_REG_XPSR, NewXPSR | (1u << 24));
-  U32 Control = _Reg(UC_ARM_REG_CONTROL);
-  _SetReg(UC_ARM_REG_CONTROL, ToThread && ToPSP ? (Control | 2u) : (Control & ~2u));
+  U32 Control = _Reg(UC_ARM_REG_CONTROL) & 1u;
+  Control |= ToThread && ToPSP ? 2u : 0u;
+  Control |= FPFrame ? 4u : 0u;
+  _SetReg(UC_ARM_REG_CONTROL, Control);
   _SetReg(UC_ARM_REG_MSP, MSP);
   _SetReg(UC_ARM_REG_PSP, PSP);
   _SetReg(UC_ARM_REG_R0, aFrame[0]);
@@ -824,6 +941,12 @@ bool CSimTarget::_ReturnFromException(U32 ExcReturn) {
   _SetReg(UC_ARM_REG_PC, aFrame[6] & ~1u);
   _ClearITPending();
   _CheckPending = _pSystem->AnyPending();
+  if (!ThumbState) {
+    // The core only runs Thumb code: the first instruction after the return faults, with EPSR.T
+    // clear in the fault's own frame.
+    _SetReg(UC_ARM_REG_XPSR, _Reg(UC_ARM_REG_XPSR) & ~(1u << 24));
+    return _RaiseUsageFault(aFrame[6] & ~1u, SIM_CFSR_INVSTATE, "exception return to ARM state");
+  }
   return true;
 }
 
@@ -847,11 +970,206 @@ bool CSimTarget::_RaiseHardFault(U32 PC, const char* sWhy) {
 }
 
 bool CSimTarget::_RaiseUsageFault(U32 PC, U32 CfsrBits, const char* sWhy) {
-  // ARMv6-M has no fault status registers and no UsageFault: its faults are HardFaults.
-  if (_Core != PROBE_CORE_CORTEX_M0) {
-    _pSystem->RecordUsageFault(CfsrBits);
+  _pSystem->RecordFaultStatus(CfsrBits);
+  return _TakeConfigurableFault(SIM_EXC_USAGEFAULT, SIM_SHCSR_USGFAULTENA, PC, sWhy);
+}
+
+bool CSimTarget::_RaiseBusFault(U32 PC, U32 CfsrBits, bool HasAddr, U32 Addr, const char* sWhy) {
+  _pSystem->RecordFaultStatus(CfsrBits);
+  if (HasAddr) {
+    _pSystem->RecordBusFaultAddress(Addr);
+  }
+  return _TakeConfigurableFault(SIM_EXC_BUSFAULT, SIM_SHCSR_BUSFAULTENA, PC, sWhy);
+}
+
+bool CSimTarget::_RaiseMemManage(U32 PC, U32 CfsrBits, const char* sWhy) {
+  _pSystem->RecordFaultStatus(CfsrBits);
+  return _TakeConfigurableFault(SIM_EXC_MEMMANAGE, SIM_SHCSR_MEMFAULTENA, PC, sWhy);
+}
+
+bool CSimTarget::_RaiseFetchFault(U32 PC, const char* sWhy) {
+  // The regions from 0xA0000000 up never execute (device and system space): a fetch there is a
+  // MemManage fault. Elsewhere nothing answers the fetch, which is a BusFault; neither has an address
+  // register, the stacked return address is the address fetched.
+  return PC >= 0xA0000000u ? _RaiseMemManage(PC, SIM_CFSR_IACCVIOL, sWhy)
+                           : _RaiseBusFault(PC, SIM_CFSR_IBUSERR, false, 0, sWhy);
+}
+
+bool CSimTarget::_TakeConfigurableFault(U32 Exception, U32 EnableBit, U32 PC, const char* sWhy) {
+  // A synchronous fault that is disabled, or can't preempt what runs, escalates to HardFault.
+  if (!_pSystem->IsV6M() && (_pSystem->GetSHCSR() & EnableBit) &&
+      _pSystem->GetPriority(Exception) < _ExecutionPriority()) {
+    return _EnterException(Exception, PC);
   }
   return _RaiseHardFault(PC, sWhy);
+}
+
+// ---- Instruction checks ----
+
+void CSimTarget::_UpdateInstructionChecks() {
+  U32 CCR = _pSystem->GetCCR();
+  _CheckDivide = (CCR & SIM_CCR_DIV_0_TRP) != 0;
+  _CheckUnaligned = (CCR & SIM_CCR_UNALIGN_TRP) != 0;
+  // The emulator runs floating-point instructions regardless of CPACR, and has no lazy state save.
+  // (On the cores without an FPU they are instructions the core lacks, found with the others.)
+  _CheckFP =
+      _HasFPU && (((_pSystem->GetCPACR() >> 20) & 3) != 3 || (_pSystem->GetFPCCR() & SIM_FPCCR_LSPACT));
+  _UpdateSlowBlockFlags();
+}
+
+void CSimTarget::_UpdateSlowBlockFlags() {
+  // Multi-word accesses need word alignment whatever the state; the emulator's MRS of CONTROL shows a
+  // bit the M4 doesn't have, which goes before the program reads it.
+  U8 Flags = BLOCK_MULTI_ACCESS;
+  Flags |= _aWatches.empty() ? 0 : BLOCK_IT_ACCESS;
+  Flags |= _CheckUnaligned ? BLOCK_SINGLE_ACCESS : 0;
+  Flags |= _CheckDivide ? BLOCK_DIVIDE : 0;
+  Flags |= _CheckFP ? BLOCK_FP : 0;
+  Flags |= _HasFPU ? BLOCK_READS_CONTROL : 0;
+  _SlowBlockFlags = Flags;
+}
+
+bool CSimTarget::_CheckBeforeStep(U32 PC, bool* pFaulted) {
+  *pFaulted = false;
+  U32 XPSR = _Reg(UC_ARM_REG_XPSR);
+  U32 IT = SIM_ITStateFromXPSR(XPSR);
+  if (IT != 0 && !SIM_ConditionPassed(IT >> 4, XPSR)) {
+    return true;  // an IT block's instruction whose condition fails does nothing, and can't fault
+  }
+  U32 Bits = _InstructionFault(PC);
+  if (Bits == 0) {
+    return true;
+  }
+  *pFaulted = true;
+  const char* sWhy = Bits == SIM_CFSR_NOCP        ? "floating-point instruction without access"
+                     : Bits == SIM_CFSR_DIVBYZERO ? "division by zero"
+                                                  : "unaligned access";
+  return _RaiseUsageFault(PC, Bits, sWhy);
+}
+
+bool CSimTarget::_FPAccessAllowed() {
+  if (!_HasFPU) {
+    return false;
+  }
+  U32 CP10 = (_pSystem->GetCPACR() >> 20) & 3;
+  if (CP10 == 3) {
+    return true;
+  }
+  bool Privileged = (_Reg(UC_ARM_REG_XPSR) & 0x1FF) != 0 || !(_Reg(UC_ARM_REG_CONTROL) & 1);
+  return CP10 == 1 && Privileged;
+}
+
+U32 CSimTarget::_InstructionFault(U32 PC) {
+  U8 p[4] = {};
+  if (uc_mem_read(_pUc, PC, p, 2) != UC_ERR_OK) {
+    return 0;  // the fetch itself faults
+  }
+  if (SIM_InstSize(U16(p[0] | p[1] << 8)) == 4 && uc_mem_read(_pUc, PC + 2, p + 2, 2) != UC_ERR_OK) {
+    return 0;
+  }
+  U32 H0 = U32(p[0]) | U32(p[1]) << 8;
+  auto Reg = [this, PC](U32 n) { return n == 15 ? PC + 4 : _Reg(_UcCoreReg(n)); };
+  U32 Fault = 0;
+  if ((H0 >> 11) < 0x1D) {
+    // 16-bit encodings.
+    switch (H0 >> 12) {
+      case 0xB:  // PUSH and POP: the stack pointer must be word aligned
+        if ((H0 & 0x0600) == 0x0400 && (Reg(13) & 3)) {
+          Fault = SIM_CFSR_UNALIGNED;
+        }
+        break;
+      case 0xC:  // LDMIA, STMIA
+        if (Reg((H0 >> 8) & 7) & 3) {
+          Fault = SIM_CFSR_UNALIGNED;
+        }
+        break;
+      case 0x5: {  // register offset: STR, STRH, STRB, LDRSB, LDR, LDRH, LDRB, LDRSH
+        static const U8 aSize[8] = {4, 2, 1, 1, 4, 2, 1, 2};
+        U32 Size = aSize[(H0 >> 9) & 7];
+        if (_CheckUnaligned && Size > 1 && ((Reg((H0 >> 3) & 7) + Reg((H0 >> 6) & 7)) & (Size - 1))) {
+          Fault = SIM_CFSR_UNALIGNED;
+        }
+        break;
+      }
+      case 0x6:  // STR, LDR with a word-scaled offset
+      case 0x9:  // the same relative to SP
+        if (_CheckUnaligned && (Reg((H0 >> 12) == 9 ? 13 : (H0 >> 3) & 7) & 3)) {
+          Fault = SIM_CFSR_UNALIGNED;
+        }
+        break;
+      case 0x8:  // STRH, LDRH with a halfword-scaled offset
+        if (_CheckUnaligned && (Reg((H0 >> 3) & 7) & 1)) {
+          Fault = SIM_CFSR_UNALIGNED;
+        }
+        break;
+      default:
+        break;
+    }
+  } else {
+    U32 H1 = U32(p[2]) | U32(p[3]) << 8;
+    if ((H0 & 0xFE40) == 0xE800) {
+      // LDM, STM (increment after, decrement before)
+      U32 Op = (H0 >> 7) & 3;
+      if ((Op == 1 || Op == 2) && (Reg(H0 & 0xF) & 3)) {
+        Fault = SIM_CFSR_UNALIGNED;
+      }
+    } else if ((H0 & 0xFE40) == 0xE840 && ((H0 & 0x0120) != 0)) {
+      // LDRD, STRD (immediate, literal); P:W of zero are the exclusive and table branch forms.
+      U32 Base = (H0 & 0xF) == 15 ? (PC + 4) & ~3u : Reg(H0 & 0xF);
+      U32 Offset = (H1 & 0xFF) * 4;
+      U32 Addr = (H0 & 0x100) ? ((H0 & 0x80) ? Base + Offset : Base - Offset) : Base;
+      if (Addr & 3) {
+        Fault = SIM_CFSR_UNALIGNED;
+      }
+    } else if ((H0 & 0xFE00) == 0xF800 && _CheckUnaligned) {
+      // Single loads and stores.
+      U32 Size = 1u << ((H0 >> 5) & 3);
+      U32 Rn = H0 & 0xF, Rt = (H1 >> 12) & 0xF;
+      bool Load = (H0 & 0x10) != 0;
+      bool Hint = Load && Rt == 15 && Size < 4;  // PLD, PLI
+      U32 Addr = 0;
+      bool Known = true;
+      if (Rn == 15 && Load) {
+        U32 Base = (PC + 4) & ~3u;
+        Addr = (H0 & 0x80) ? Base + (H1 & 0xFFF) : Base - (H1 & 0xFFF);
+      } else if (H0 & 0x80) {
+        Addr = Reg(Rn) + (H1 & 0xFFF);
+      } else if ((H1 & 0x0FC0) == 0) {
+        Addr = Reg(Rn) + (Reg(H1 & 0xF) << ((H1 >> 4) & 3));
+      } else if (H1 & 0x0800) {
+        U32 Imm = H1 & 0xFF;
+        U32 Offset = (H1 & 0x200) ? Imm : U32(-I32(Imm));
+        Addr = (H1 & 0x400) ? Reg(Rn) + Offset : Reg(Rn);
+      } else {
+        Known = false;
+      }
+      if (Known && !Hint && Size > 1 && Size <= 4 && (Addr & (Size - 1))) {
+        Fault = SIM_CFSR_UNALIGNED;
+      }
+    } else if ((H0 & 0xFFD0) == 0xFB90 && (H1 & 0xF0F0) == 0xF0F0 && _CheckDivide) {
+      // SDIV, UDIV
+      if (Reg(H1 & 0xF) == 0) {
+        Fault = SIM_CFSR_DIVBYZERO;
+      }
+    } else if (H0 == 0xF3EF && (H1 & 0xF0FF) == 0x8014) {
+      // MRS Rd, CONTROL. The emulator sets a security-extension bit (SFPA, bit 3) along with FPCA, which
+      // the core has not: it goes before the program can read it.
+      U32 Control = _Reg(UC_ARM_REG_CONTROL);
+      if (Control & 8) {
+        _SetReg(UC_ARM_REG_CONTROL, Control & ~8u);
+      }
+    } else if ((H0 & 0xEC00) == 0xEC00 && ((H1 >> 9) & 7) == 5) {
+      // Coprocessor space with coprocessor 10 or 11: the floating-point instructions.
+      if (_CheckFP && !_FPAccessAllowed()) {
+        if (_Core != PROBE_CORE_CORTEX_M0) {
+          Fault = SIM_CFSR_NOCP;
+        }
+      } else if (_HasFPU && (_pSystem->GetFPCCR() & SIM_FPCCR_LSPACT)) {
+        _SaveLazyFP();
+      }
+    }
+  }
+  return Fault;
 }
 
 void CSimTarget::_CoreReset() {
@@ -872,11 +1190,18 @@ void CSimTarget::_CoreReset() {
     _SetReg(UC_ARM_REG_BASEPRI, 0);
     _SetReg(UC_ARM_REG_FAULTMASK, 0);
   }
+  if (_HasFPU) {
+    for (int r = 0; r < 32; r++) {
+      _SetReg(UC_ARM_REG_S0 + r, 0);
+    }
+    _SetReg(UC_ARM_REG_FPSCR, 0);
+  }
   _SetReg(UC_ARM_REG_PC, aVector[1] & ~1u);
   _ClearITPending();
   _CheckPending = false;
   _WatchHit = false;
   _HaltPending = false;
+  _UpdateInstructionChecks();
   _UpdateNextEvent();
 }
 
@@ -1014,7 +1339,13 @@ int CSimTarget::ReadReg(U32 Index, U32* pValue) {
   if (_Core == PROBE_CORE_CORTEX_M0 && (Index == PROBE_REG_BASEPRI || Index == PROBE_REG_FAULTMASK)) {
     return -1;
   }
+  if (Index >= PROBE_REG_S0 && !_HasFPU) {
+    return -1;
+  }
   *pValue = _Reg(kUcRegs[Index]);
+  if (Index == PROBE_REG_CONTROL) {
+    *pValue &= _ControlMask();
+  }
   return 0;
 }
 
@@ -1025,11 +1356,17 @@ int CSimTarget::WriteReg(U32 Index, U32 Value) {
   if (_Core == PROBE_CORE_CORTEX_M0 && (Index == PROBE_REG_BASEPRI || Index == PROBE_REG_FAULTMASK)) {
     return -1;
   }
+  if (Index >= PROBE_REG_S0 && !_HasFPU) {
+    return -1;
+  }
   if (Index == PROBE_REG_PC) {
     Value &= ~1u;
   }
   if (Index == PROBE_REG_XPSR) {
     _SetReg(UC_ARM_REG_APSR_NZCVQG, Value);  // the emulator's xPSR write leaves the GE flags out
+  }
+  if (Index == PROBE_REG_CONTROL) {
+    Value &= _ControlMask();
   }
   _SetReg(kUcRegs[Index], Value);
   if (Index == PROBE_REG_PRIMASK || Index == PROBE_REG_BASEPRI || Index == PROBE_REG_FAULTMASK ||
@@ -1196,7 +1533,7 @@ void CSimTarget::_UpdateCodeHook() {
 
 void CSimTarget::_UpdateMemHooks() {
   _UpdateCodeHook();
-  _SlowBlockFlags = _aWatches.empty() ? 0 : BLOCK_IT_ACCESS;
+  _UpdateSlowBlockFlags();
   // The memory hooks slow every access down, so they exist only while a data breakpoint does.
   if (!_aWatches.empty() && _hMemHook == 0) {
     uc_hook h;

@@ -98,7 +98,17 @@ class CSimTarget : public CProbeBackend, private ISimSystemHost {
     U16 NumInsts;
     U8 Flags;
   };
-  enum : U8 { BLOCK_IT_ACCESS = 1 };  // an IT block with a memory access that isn't its last instruction
+  enum : U8 {
+    BLOCK_IT_ACCESS = 1,  // an IT block with a memory access that isn't its last instruction
+    // Instructions whose faults the simulator checks itself (the SIM_CHECK_ classes, shifted by one):
+    // the block runs one instruction at a time while the state makes their check necessary.
+    BLOCK_CHECKS_SHIFT = 1,
+    BLOCK_MULTI_ACCESS = SIM_CHECK_MULTI_ACCESS << BLOCK_CHECKS_SHIFT,
+    BLOCK_SINGLE_ACCESS = SIM_CHECK_SINGLE_ACCESS << BLOCK_CHECKS_SHIFT,
+    BLOCK_DIVIDE = SIM_CHECK_DIVIDE << BLOCK_CHECKS_SHIFT,
+    BLOCK_FP = SIM_CHECK_FP << BLOCK_CHECKS_SHIFT,
+    BLOCK_READS_CONTROL = SIM_CHECK_READ_CONTROL << BLOCK_CHECKS_SHIFT,
+  };
   static constexpr U32 kBlockCacheSize = 1u << 16;
   static constexpr U32 kMaxBlockBytes = 4096;
   static constexpr U32 kNoAddr = 0xFFFFFFFFu;
@@ -132,11 +142,34 @@ class CSimTarget : public CProbeBackend, private ISimSystemHost {
   void _OnCodeWritten(U32 Addr, U32 NumBytes);
   void _TakeHSSSample();
   bool _CanTakePending();
+  // The priority the core runs at: the most urgent active exception, lowered by PRIMASK, BASEPRI and
+  // FAULTMASK.
+  int _ExecutionPriority();
   // Exception entry and return; false when the target can't continue (halted with a log line).
   bool _EnterException(U32 Exception, U32 ReturnAddr);
   bool _ReturnFromException(U32 ExcReturn);
   bool _RaiseHardFault(U32 PC, const char* sWhy);
+  // A UsageFault with its CFSR bits, taken as UsageFault when SHCSR enables it and its priority lets it
+  // preempt, else escalated to HardFault (HFSR.FORCED). On ARMv6-M every fault is a HardFault.
   bool _RaiseUsageFault(U32 PC, U32 CfsrBits, const char* sWhy);
+  // The same for BusFault (HasAddr: BFAR holds Addr) and MemManage.
+  bool _RaiseBusFault(U32 PC, U32 CfsrBits, bool HasAddr, U32 Addr, const char* sWhy);
+  bool _RaiseMemManage(U32 PC, U32 CfsrBits, const char* sWhy);
+  bool _RaiseFetchFault(U32 PC, const char* sWhy);
+  bool _TakeConfigurableFault(U32 Exception, U32 EnableBit, U32 PC, const char* sWhy);
+  // Faults the emulator does not raise itself, decided before the instruction at PC executes: CFSR
+  // bits, 0 when it may run. It also does what must happen right before a floating-point instruction.
+  U32 _InstructionFault(U32 PC);
+  // The same check before one instruction is stepped, with the fault taken: false when halted.
+  bool _CheckBeforeStep(U32 PC, bool* pFaulted);
+  // Works out which instruction classes need their check from CCR, CPACR and FPCCR.
+  void _UpdateInstructionChecks();
+  void _UpdateSlowBlockFlags();
+  bool _FPAccessAllowed();
+  // Lazy floating-point state preservation: writes the preempted context's S0..S15 and FPSCR to the
+  // space reserved at FPCAR, before the first floating-point instruction since the entry runs.
+  void _SaveLazyFP();
+  U32 _ControlMask() const;
   void _CoreReset();
   void _SetHalted(PROBE_HALT_REASON Reason);
   void _SetRunning();
@@ -160,10 +193,12 @@ class CSimTarget : public CProbeBackend, private ISimSystemHost {
   void OnSystemResetRequest() override;
   void OnDebugHaltRequest(bool Halt) override;
   void OnStimulusWrite(U32 Port, U32 Value, U32 Size) override;
+  void OnFaultControlChanged() override { _UpdateInstructionChecks(); }
 
   U32 _Core;
   SIM_ISA _Isa;
   U32 _ClockHz;
+  bool _HasFPU;
   uc_struct* _pUc = nullptr;
   std::unique_ptr<CSimSystem> _pSystem;
   PROBE_STREAMS* _pStreams = nullptr;
@@ -189,6 +224,7 @@ class CSimTarget : public CProbeBackend, private ISimSystemHost {
   bool _InBlockHook = false;
   bool _StopAtCode = false;  // the next code hook stops the emulator
   bool _OneBlock = false;
+  bool _OneBlockChecked = false;             // a one-block run whose block gets the instruction checks
   int _BlocksRun = 0;                        // blocks begun in a one-block run
   const BLOCK_ENTRY* _pLastBlock = nullptr;  // the block counted last, for a stop inside it
   U32 _PassPC = kNoAddr;                     // a breakpoint that the next run steps over
@@ -203,6 +239,9 @@ class CSimTarget : public CProbeBackend, private ISimSystemHost {
   std::map<U32, SIM_INST_CHECK> _aFaultExits;  // instructions the core lacks, found so far
   std::vector<U32> _aNewFaultExits;
   std::vector<uint64_t> _aExits;
+  // Which instruction faults the emulator doesn't raise itself must be checked before an instruction
+  // runs, from CCR's traps, CPACR and a pending lazy floating-point save.
+  bool _CheckDivide = false, _CheckUnaligned = false, _CheckFP = false;
   std::vector<std::pair<U32, int>> _aBreakpoints;  // address, count of users
   std::vector<PROBE_WATCH> _aWatches;
   size_t _hMemHook = 0;   // 0 while no data breakpoint needs the memory hooks
