@@ -65,7 +65,7 @@ SIM_INST_CHECK _CheckFPv4SP(U16 H0, U16 H1) {
     if (Coproc == 11) {
       return SIM_INST_UNDEFINED;  // double precision
     }
-    if ((H0 & 0xFFBE) == 0xEEB6) {
+    if ((H0 & 0xFFBE) == 0xEEB6 && (H1 & 0x40)) {
       return SIM_INST_UNDEFINED;  // VRINTR, VRINTZ, VRINTX, and VCVT between single and double
     }
   }

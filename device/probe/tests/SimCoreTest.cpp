@@ -71,6 +71,8 @@ const ISA_CASE kIsaCases[] = {
     {"ssat16 r0, #4, r1", {0xF321, 0x0003}, UNDEFINED, RUNS, false},
     {"pkhbt r0, r1, r2", {0xEAC1, 0x0002}, UNDEFINED, RUNS, false},
     {"vadd.f32 s0, s1, s2", {0xEE30, 0x0A81}, NO_COPROCESSOR, RUNS, false},
+    {"vmov.f32 s0, #0.5", {0xEEB6, 0x0A00}, NO_COPROCESSOR, RUNS, false},
+    {"vmov.f32 s3, #3.0", {0xEEF0, 0x1A08}, NO_COPROCESSOR, RUNS, false},
     {"vmov r0, r1, d0", {0xEC51, 0x0B10}, NO_COPROCESSOR, RUNS, false},
     {"vadd.f64 d0, d1, d2", {0xEE31, 0x0B02}, NO_COPROCESSOR, UNDEFINED, false},
     {"vcvt.f64.f32 d0, s2", {0xEEB7, 0x0AC1}, NO_COPROCESSOR, UNDEFINED, false},
