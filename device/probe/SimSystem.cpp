@@ -41,6 +41,7 @@ enum : U32 {
   FP_FPCCR = 0xEF34,
   FP_FPCAR = 0xEF38,
   FP_FPDSCR = 0xEF3C,
+  NVIC_STIR = 0xEF00,
   DCB_DHCSR = 0xEDF0,
   DCB_DEMCR = 0xEDFC,
 };
@@ -431,6 +432,12 @@ void CSimSystem::_WriteWord(U32 Offset, U32 Value, U32 Mask, bool FromDebugger) 
         }
       }
       break;
+    case NVIC_STIR:
+      // Software trigger (ARMv7-M only): the interrupt whose number is written becomes pending.
+      if (!_Traits.IsV6M && (Set & 0x1FF) < SIM_NUM_IRQS) {
+        SetPending(SIM_EXC_IRQ0 + (Set & 0x1FF));
+      }
+      break;
     case NVIC_ICPR:
       for (U32 i = 0; i < SIM_NUM_IRQS; i++) {
         if (Set & (1u << i)) {
@@ -489,8 +496,11 @@ void CSimSystem::_WriteWord(U32 Offset, U32 Value, U32 Mask, bool FromDebugger) 
       break;
     case FP_FPCCR:
       if (_Traits.HasFPU) {
-        // ASPEN, LSPEN and LSPACT are writable; the ready bits record the state at the last entry.
-        const U32 Writable = SIM_FPCCR_ASPEN | SIM_FPCCR_LSPEN | SIM_FPCCR_LSPACT;
+        // Every defined bit is read/write on ARMv7-M, the ready bits and USER and THREAD as well, though
+        // the core also sets those at each entry with a lazy save (bit 8, MONRDY, stays as written).
+        const U32 Writable = SIM_FPCCR_ASPEN | SIM_FPCCR_LSPEN | SIM_FPCCR_LSPACT | SIM_FPCCR_USER |
+                             SIM_FPCCR_THREAD | SIM_FPCCR_HFRDY | SIM_FPCCR_MMRDY | SIM_FPCCR_BFRDY |
+                             (1u << 8);
         _FPCCR = (_FPCCR & ~(Writable & Mask)) | (Set & Writable);
         _pHost->OnFaultControlChanged();
       }
