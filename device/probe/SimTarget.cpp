@@ -493,7 +493,9 @@ int CSimTarget::_Emulate(U32 PC) {
   _BlocksRun = 0;
   _UpdateNextCheck();
   _InEmulation = true;
-  uc_err Err = uc_emu_start(_pUc, PC | 1, 0, 0, 0);
+  // Bit 0 of the start address is the emulator's Thumb state: a branch to an even address leaves
+  // EPSR.T clear, and the next instruction must fault (INVSTATE) even when it starts a new run.
+  uc_err Err = uc_emu_start(_pUc, PC | ((_Reg(UC_ARM_REG_XPSR) >> 24) & 1), 0, 0, 0);
   _InEmulation = false;
   _UncountRestOfBlock(_Reg(UC_ARM_REG_PC));
   if (!_aNewFaultExits.empty()) {
@@ -605,6 +607,11 @@ CSimTarget::STOP_RESULT CSimTarget::_AfterStop(int ErrCode) {
   }
   switch (_InterruptNo) {
     case UC_INTR_BKPT:
+      if (_CheckPending && _CanTakePending()) {
+        // Pended earlier in the same block (a store to the NVIC, say): on the core it is taken long
+        // before the BKPT is reached.
+        return _EnterException(_pSystem->GetHighestPending(), PC) ? SR_EVENT : SR_HALTED;
+      }
       _SetHalted(PROBE_HALT_BKPT_INST);
       return SR_HALTED;
     case UC_INTR_SWI:
@@ -653,11 +660,26 @@ CSimTarget::STEP_RESULT CSimTarget::_StepOnce() {
     }
     U16 H0 = 0;
     uc_mem_read(_pUc, PC, &H0, 2);
-    STOP_RESULT r = _AfterStop(_EmulateOneBlock(PC, PC + SIM_InstSize(H0)));
+    U64 CyclesBefore = _Cycles;
+    int Err = _EmulateOneBlock(PC, PC + SIM_InstSize(H0));
+    bool FetchFailed =
+        Err == UC_ERR_FETCH_UNMAPPED || Err == UC_ERR_FETCH_PROT ||
+        (Err == UC_ERR_OK && _StopReason == STOP_INTERRUPT && _InterruptNo == UC_INTR_PREFETCH_ABORT);
+    if (FetchFailed && _Reg(UC_ARM_REG_PC) != PC) {
+      // A branch to where nothing can be fetched: the branch is this step, the fault the next one's.
+      return STEP_DONE;
+    }
+    if (_FPCAStaysClear) {
+      _FPCAStaysClear = false;
+      _SetReg(UC_ARM_REG_CONTROL, _Reg(UC_ARM_REG_CONTROL) & ~12u);
+    }
+    STOP_RESULT r = _AfterStop(Err);
     if (r == SR_HALTED) {
       return STEP_HALTED;
     }
-    if (r != SR_AGAIN) {
+    // Run again only when nothing ran: new exits can also turn up in the block a branch goes to, after
+    // the branch itself.
+    if (r != SR_AGAIN || _Cycles != CyclesBefore || _Reg(UC_ARM_REG_PC) != PC) {
       return STEP_DONE;  // one instruction ran, or an exception was entered or left
     }
   }
@@ -732,6 +754,10 @@ CSimTarget::RUN_RESULT CSimTarget::_Run(U64 MaxInsts, bool Step) {
     } else {
       _PassPC = kNoAddr;
       Err = _Emulate(PC);
+    }
+    if (_FPCAStaysClear) {
+      _FPCAStaysClear = false;
+      _SetReg(UC_ARM_REG_CONTROL, _Reg(UC_ARM_REG_CONTROL) & ~12u);
     }
     STOP_RESULT r = _AfterStop(Err);
     if (r == SR_HALTED) {
@@ -845,6 +871,13 @@ bool CSimTarget::_EnterException(U32 Exception, U32 ReturnAddr) {
                       Exception, ReturnAddr, Handler_);
     _SetHalted(PROBE_HALT_FAULT);
     return false;
+  }
+  if (FPFrame && !Lazy) {
+    // Saved at once, the caller-saved FP registers start the handler cleared, as QEMU 7.2 has it.
+    for (U32 i = 0; i < 16; i++) {
+      _SetReg(UC_ARM_REG_S0 + int(i), 0);
+    }
+    _SetReg(UC_ARM_REG_FPSCR, 0);
   }
   if (Lazy) {
     // What the handler may later need in order to save the state: where, and which faults could be
@@ -1010,10 +1043,12 @@ void CSimTarget::_UpdateInstructionChecks() {
   U32 CCR = _pSystem->GetCCR();
   _CheckDivide = (CCR & SIM_CCR_DIV_0_TRP) != 0;
   _CheckUnaligned = (CCR & SIM_CCR_UNALIGN_TRP) != 0;
-  // The emulator runs floating-point instructions regardless of CPACR, and has no lazy state save.
-  // (On the cores without an FPU they are instructions the core lacks, found with the others.)
-  _CheckFP =
-      _HasFPU && (((_pSystem->GetCPACR() >> 20) & 3) != 3 || (_pSystem->GetFPCCR() & SIM_FPCCR_LSPACT));
+  // The emulator runs floating-point instructions regardless of CPACR, has no lazy state save, and
+  // sets CONTROL.FPCA whatever FPCCR.ASPEN says. (On the cores without an FPU they are instructions
+  // the core lacks, found with the others.)
+  U32 FPCCR = _pSystem->GetFPCCR();
+  _CheckFP = _HasFPU && (((_pSystem->GetCPACR() >> 20) & 3) != 3 || (FPCCR & SIM_FPCCR_LSPACT) ||
+                         !(FPCCR & SIM_FPCCR_ASPEN));
   _UpdateSlowBlockFlags();
 }
 
@@ -1164,8 +1199,12 @@ U32 CSimTarget::_InstructionFault(U32 PC) {
         if (_Core != PROBE_CORE_CORTEX_M0) {
           Fault = SIM_CFSR_NOCP;
         }
-      } else if (_HasFPU && (_pSystem->GetFPCCR() & SIM_FPCCR_LSPACT)) {
-        _SaveLazyFP();
+      } else if (_HasFPU) {
+        if (_pSystem->GetFPCCR() & SIM_FPCCR_LSPACT) {
+          _SaveLazyFP();
+        }
+        // Without ASPEN an FP instruction leaves CONTROL.FPCA as it is; the emulator sets it always.
+        _FPCAStaysClear = !(_pSystem->GetFPCCR() & SIM_FPCCR_ASPEN) && !(_Reg(UC_ARM_REG_CONTROL) & 4);
       }
     }
   }

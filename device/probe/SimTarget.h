@@ -242,6 +242,7 @@ class CSimTarget : public CProbeBackend, private ISimSystemHost {
   // Which instruction faults the emulator doesn't raise itself must be checked before an instruction
   // runs, from CCR's traps, CPACR and a pending lazy floating-point save.
   bool _CheckDivide = false, _CheckUnaligned = false, _CheckFP = false;
+  bool _FPCAStaysClear = false;                    // the instruction being stepped must not set CONTROL.FPCA
   std::vector<std::pair<U32, int>> _aBreakpoints;  // address, count of users
   std::vector<PROBE_WATCH> _aWatches;
   size_t _hMemHook = 0;   // 0 while no data breakpoint needs the memory hooks
