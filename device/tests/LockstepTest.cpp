@@ -425,7 +425,8 @@ class CLockstep {
 constexpr U32 M0 = PROBE_CORE_CORTEX_M0, M3 = PROBE_CORE_CORTEX_M3, M4 = PROBE_CORE_CORTEX_M4;
 
 // Fixture, core, step limit. The existing programs run for their first few thousand instructions, the
-// ones written for this comparison to their end.
+// ones written for this comparison to their end. Not here: mpu-m3 and mpu-m4, since the simulated cores
+// have no MPU (a configuration the architecture allows) while QEMU's boards have one.
 const LOCKSTEP_CASE kCases[] = {
     // clang-format off
     {"basic-O0", M4, 2000},
@@ -452,8 +453,6 @@ const LOCKSTEP_CASE kCases[] = {
     {"itblocks-m4-O2", M4, 20000},
     {"faults-m3-O2", M3, 20000},
     {"faults-m4-O2", M4, 20000},
-    {"mpu-m3-O2", M3, 20000},
-    {"mpu-m4-O2", M4, 20000},
     {"fpirq-m4-O2", M4, 20000},
     // clang-format on
 };
