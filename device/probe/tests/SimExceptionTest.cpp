@@ -388,3 +388,94 @@ TEST(SimFloatingPoint, AValueTheDebuggerWritesBeforeTheLazySaveIsTheOneSaved) {
   ASSERT_EQ(_ContinuePastBkpt(), 0x11Cu);
   EXPECT_EQ(TARVIKARM_ReadReg(3), 0x41000000u) << "the thread gets the written value back";
 }
+
+// ---- Checks before an instruction while the target runs ----
+
+namespace {
+
+struct CHECKED_RUN_CASE {
+  const char* sName;
+  const char* sDevice;
+  std::vector<U16> aLoad;  // the instruction at 0x106, after three that set r3 and r4
+  U32 CCR;
+};
+
+// clang-format off
+const CHECKED_RUN_CASE kCheckedRunCases[] = {
+  {"LdrUnderTheTrap", kM4, {0x6802}, kCCR_UNALIGN_TRP},         // ldr r2, [r0]
+  {"LdrhUnderTheTrap", kM3, {0x8802}, kCCR_UNALIGN_TRP},        // ldrh r2, [r0]
+  {"LdrWideUnderTheTrap", kM4, {0xF8D0, 0x2000}, kCCR_UNALIGN_TRP},  // ldr.w r2, [r0]
+  {"LdrdAlways", kM4, {0xE9D0, 0x2300}, kCCRReset},             // ldrd r2, r3, [r0]
+  {"LdmWideAlways", kM3, {0xE890, 0x000C}, kCCRReset},          // ldmia.w r0, {r2, r3}
+  {"LdrOnArmV6M", kM0, {0x6802}, kCCRReset},
+};
+// clang-format on
+
+// movs r3, #1; movs r4, #2; adds r4, r4, r3; <the load from r0 = 0x20000001>; movs r5, #7; bkpt #1
+std::vector<U16> _CheckedRunProgram(const std::vector<U16>& aLoad) {
+  std::vector<U16> a = {0x2301, 0x2402, 0x18E4};
+  a.insert(a.end(), aLoad.begin(), aLoad.end());
+  a.insert(a.end(), {0x2507, 0xBE01});
+  return a;
+}
+
+void _SetUpCheckedRun(const CHECKED_RUN_CASE& c) {
+  _LoadProgram(_CheckedRunProgram(c.aLoad), {});
+  if (std::string(c.sDevice) != kM0) {
+    _WriteU32(kSHCSR, kSHCSR_USGFAULTENA);
+    _WriteU32(kCCR, c.CCR);
+  }
+  TARVIKARM_WriteReg(0, 0x20000001);
+}
+
+}  // namespace
+
+TEST(SimFaultChecks, AFaultingAccessInsideABlockFaultsThereAfterTheInstructionsBeforeIt) {
+  for (const CHECKED_RUN_CASE& c : kCheckedRunCases) {
+    SCOPED_TRACE(c.sName);
+    CSimSession Session(c.sDevice);
+    _SetUpCheckedRun(c);
+    bool IsM0 = std::string(c.sDevice) == kM0;
+    EXPECT_EQ(CSimSession::RunToHalt(), IsM0 ? U32(kHardFault) : U32(kUsageFault));
+    EXPECT_EQ(CSimSession::ReadU32(TARVIKARM_ReadReg(PROBE_REG_SP) + 24), 0x106u) << "faulting instruction";
+    EXPECT_EQ(TARVIKARM_ReadReg(4), 3u) << "the instructions before it ran";
+    EXPECT_EQ(TARVIKARM_ReadReg(5), 0u) << "the one after it did not";
+    if (!IsM0) {
+      EXPECT_EQ(CSimSession::ReadU32(kCFSR), 1u << 24) << "UNALIGNED";
+    }
+  }
+}
+
+TEST(SimFaultChecks, ResumingFromABreakpointOnAFaultingAccessFaultsThere) {
+  for (const CHECKED_RUN_CASE& c : kCheckedRunCases) {
+    SCOPED_TRACE(c.sName);
+    CSimSession Session(c.sDevice);
+    _SetUpCheckedRun(c);
+    ASSERT_NE(TARVIKARM_SetBPEx(0x106, 0xFFFFFF00u), 0u);
+    ASSERT_EQ(CSimSession::RunToHalt(), 0x106u);
+    bool IsM0 = std::string(c.sDevice) == kM0;
+    EXPECT_EQ(CSimSession::RunToHalt(), IsM0 ? U32(kHardFault) : U32(kUsageFault));
+    EXPECT_EQ(CSimSession::ReadU32(TARVIKARM_ReadReg(PROBE_REG_SP) + 24), 0x106u);
+  }
+}
+
+TEST(SimFaultChecks, ALoopOfCheckedAccessesRunsToItsEnd) {
+  // movs r3, #100; 1: ldmia r0!, {r1, r2}; subs r0, #8; subs r3, #1; bne 1b; bkpt #1
+  const std::vector<U16> aLoop = {0x2364, 0xC806, 0x3808, 0x3B01, 0xD1FB, 0xBE01};
+  for (const char* sDevice : {kM0, kM3, kM4}) {
+    SCOPED_TRACE(sDevice);
+    CSimSession Session(sDevice);
+    _LoadProgram(aLoop, {});
+    if (std::string(sDevice) != kM0) {
+      _WriteU32(kCCR, kCCR_UNALIGN_TRP | kCCR_DIV_0_TRP);
+    }
+    _WriteU32(0x20000010, 0x11111111);
+    _WriteU32(0x20000014, 0x22222222);
+    TARVIKARM_WriteReg(0, 0x20000010);
+    EXPECT_EQ(CSimSession::RunToHalt(), 0x10Au);
+    EXPECT_EQ(TARVIKARM_ReadReg(3), 0u);
+    EXPECT_EQ(TARVIKARM_ReadReg(1), 0x11111111u);
+    EXPECT_EQ(TARVIKARM_ReadReg(2), 0x22222222u);
+    EXPECT_EQ(TARVIKARM_ReadReg(0), 0x20000010u);
+  }
+}
