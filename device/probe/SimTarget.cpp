@@ -117,8 +117,14 @@ struct SIM_HOOKS {
       S._StopEmulation(CSimTarget::STOP_WATCH);
       return;
     }
+    U32 a = U32(Addr);
+    if (S._MayFaultInHook(a) && (S._InstructionFaultBits = S._InstructionFault(a)) != 0) {
+      S._InstructionFaultPC = a;
+      S._StopEmulation(CSimTarget::STOP_INSTRUCTION_FAULT);
+      return;
+    }
     if (S._TraceOn) {
-      S._CountInstruction(U32(Addr));
+      S._CountInstruction(a);
     }
   }
 
@@ -225,8 +231,11 @@ CSimTarget::CSimTarget(U32 Core, U32 ClockHz)
                        IsM0 ? UC_CPU_ARM_CORTEX_M0
                             : (Core == PROBE_CORE_CORTEX_M3 ? UC_CPU_ARM_CORTEX_M3 : UC_CPU_ARM_CORTEX_M4));
   uc_ctl_exits_enable(_pUc);
-  uc_mem_map(_pUc, SIM_FLASH_ADDR, SIM_FLASH_SIZE, UC_PROT_READ | UC_PROT_EXEC);
-  uc_mem_map(_pUc, SIM_RAM_ADDR, SIM_RAM_SIZE, UC_PROT_ALL);
+  // Memory the code hook can read directly, for its quick look at each instruction.
+  _pFlash.reset(new U8[SIM_FLASH_SIZE]());
+  _pRAM.reset(new U8[SIM_RAM_SIZE]());
+  uc_mem_map_ptr(_pUc, SIM_FLASH_ADDR, SIM_FLASH_SIZE, UC_PROT_READ | UC_PROT_EXEC, _pFlash.get());
+  uc_mem_map_ptr(_pUc, SIM_RAM_ADDR, SIM_RAM_SIZE, UC_PROT_ALL, _pRAM.get());
   uc_mmio_map(_pUc, SIM_PPB_BASE, SIM_PPB_SIZE, SIM_HOOKS::OnPPBRead, this, SIM_HOOKS::OnPPBWrite, this);
   uc_hook h;
   uc_hook_add(_pUc, &h, UC_HOOK_BLOCK, reinterpret_cast<void*>(SIM_HOOKS::OnBlock), this, 1, 0);
@@ -326,8 +335,8 @@ void CSimTarget::_UpdateNextEvent() {
 }
 
 void CSimTarget::_UpdateNextCheck() {
-  bool Now =
-      _StopReason != STOP_NONE || _CheckPending || _ResetRequested || _HaltPending || _WatchHit || _OneBlock;
+  bool Now = _StopReason != STOP_NONE || _CheckPending || _ResetRequested || _HaltPending || _WatchHit ||
+             _OneBlock || _CodeHookUpdatePending;
   _NextCheck = Now ? 0 : _NextEventCycle;
 }
 
@@ -353,6 +362,8 @@ bool CSimTarget::_OnBlockSlow(const BLOCK_ENTRY& Block) {
   } else if (_HaltPending) {
     _HaltPending = false;
     _StopEmulation(STOP_HALT_REQUEST);
+  } else if (_CodeHookUpdatePending) {
+    _StopEmulation(STOP_RETRANSLATE);
   } else if (!_OneBlock && _Cycles >= _SliceEnd) {
     _StopEmulation(STOP_SLICE);
   } else {
@@ -420,10 +431,14 @@ void CSimTarget::_FillBlock(BLOCK_ENTRY& Block, U32 Addr, U32 Size) {
       // can't stop there, so with data breakpoints set such blocks run one instruction at a time.
       U32 Num = (IT & 1) ? 4 : ((IT & 2) ? 3 : ((IT & 4) ? 2 : 1));
       U32 At = Off + 2;
-      for (U32 k = 0; k + 1 < Num && At + 4 <= n + 16; k++) {
+      // Likewise an access or divide that the code hook checks: the hook can't stop before it.
+      for (U32 k = 0; k < Num && At + 4 <= n + 16; k++) {
         U16 I0 = Half(At), I1 = Half(At + 2);
-        if (SIM_MayAccessMemory(I0, I1)) {
+        if (k + 1 < Num && SIM_MayAccessMemory(I0, I1)) {
           Flags |= BLOCK_IT_ACCESS;
+        }
+        if (SIM_RuntimeChecksOf(I0, I1) & (SIM_CHECK_SINGLE_ACCESS | SIM_CHECK_DIVIDE)) {
+          Flags |= BLOCK_IT_HOOK_CHECK;
         }
         At += SIM_InstSize(I0);
       }
@@ -498,6 +513,10 @@ int CSimTarget::_Emulate(U32 PC) {
   uc_err Err = uc_emu_start(_pUc, PC | ((_Reg(UC_ARM_REG_XPSR) >> 24) & 1), 0, 0, 0);
   _InEmulation = false;
   _UncountRestOfBlock(_Reg(UC_ARM_REG_PC));
+  if (_CodeHookUpdatePending) {
+    _CodeHookUpdatePending = false;
+    _UpdateCodeHook();
+  }
   if (!_aNewFaultExits.empty()) {
     _ApplyExits(kNoAddr, kNoAddr);
     for (U32 Addr : _aNewFaultExits) {
@@ -588,6 +607,11 @@ CSimTarget::STOP_RESULT CSimTarget::_AfterStop(int ErrCode) {
       return SR_SLICE;
     case STOP_RETRANSLATE:
       return SR_AGAIN;
+    case STOP_INSTRUCTION_FAULT: {
+      U32 Bits = _InstructionFaultBits;
+      const char* sWhy = Bits == SIM_CFSR_DIVBYZERO ? "division by zero" : "unaligned access";
+      return _RaiseUsageFault(_InstructionFaultPC, Bits, sWhy) ? SR_EVENT : SR_HALTED;
+    }
     case STOP_STEP_THROUGH:
       return SR_STEP_THROUGH;
     case STOP_WATCH:
@@ -1049,16 +1073,42 @@ void CSimTarget::_UpdateInstructionChecks() {
   U32 FPCCR = _pSystem->GetFPCCR();
   _CheckFP = _HasFPU && (((_pSystem->GetCPACR() >> 20) & 3) != 3 || (FPCCR & SIM_FPCCR_LSPACT) ||
                          !(FPCCR & SIM_FPCCR_ASPEN));
+  // Which encodings the code hook looks at closer, by the high byte of their first halfword: loads and
+  // stores of halfwords and words (and bytes, which the closer look lets pass), the divides.
+  std::fill(std::begin(_aHookCheckByHighByte), std::end(_aHookCheckByHighByte), false);
+  auto Mark = [this](U32 Lo, U32 Hi) {
+    for (U32 b = Lo; b <= Hi; b++) {
+      _aHookCheckByHighByte[b] = true;
+    }
+  };
+  if (_CheckUnaligned) {
+    Mark(0x50, 0x6F);
+    Mark(0x80, 0x8F);
+    Mark(0xF8, 0xF9);
+  }
+  if (_CheckDivide) {
+    Mark(0xFB, 0xFB);
+  }
   _UpdateSlowBlockFlags();
+  if (_InEmulation) {
+    // Written by the program: the hooks change once the emulator has returned, which the next block
+    // asks for. (A stop asked for from a peripheral access would run the access again.)
+    _CodeHookUpdatePending = true;
+    _NextCheck = 0;
+  } else {
+    _UpdateCodeHook();
+  }
 }
 
 void CSimTarget::_UpdateSlowBlockFlags() {
   // Multi-word accesses need word alignment whatever the state; the emulator's MRS of CONTROL shows a
   // bit the M4 doesn't have, which goes before the program reads it.
+  // Loads, stores and divides under their traps are checked by the code hook instead, which costs far
+  // less than running their blocks one instruction at a time (on ARMv6-M the alignment trap is always
+  // on); only inside an IT block, where the hook can't stop, they go one at a time.
   U8 Flags = BLOCK_MULTI_ACCESS;
   Flags |= _aWatches.empty() ? 0 : BLOCK_IT_ACCESS;
-  Flags |= _CheckUnaligned ? BLOCK_SINGLE_ACCESS : 0;
-  Flags |= _CheckDivide ? BLOCK_DIVIDE : 0;
+  Flags |= _CheckUnaligned || _CheckDivide ? BLOCK_IT_HOOK_CHECK : 0;
   Flags |= _CheckFP ? BLOCK_FP : 0;
   Flags |= _HasFPU ? BLOCK_READS_CONTROL : 0;
   _SlowBlockFlags = Flags;
@@ -1555,7 +1605,7 @@ int CSimTarget::ClearBreakpoint(U32 Addr, bool Hardware) {
 
 void CSimTarget::_UpdateCodeHook() {
   // The per-instruction hook costs a fifth of the speed: only trace and data breakpoints need it.
-  bool Wanted = _TraceOn || !_aWatches.empty();
+  bool Wanted = _TraceOn || !_aWatches.empty() || _CheckUnaligned || _CheckDivide;
   if (Wanted && _hCodeHook == 0) {
     uc_hook h;
     if (uc_hook_add(_pUc, &h, UC_HOOK_CODE, reinterpret_cast<void*>(SIM_HOOKS::OnCode), this, 1, 0) ==

@@ -83,9 +83,10 @@ class CSimTarget : public CProbeBackend, private ISimSystemHost {
     STOP_INTERRUPT,
     STOP_RESET_REQUEST,
     STOP_HALT_REQUEST,
-    STOP_BLOCK_DONE,    // a one-block run reached its second block
-    STOP_RETRANSLATE,   // new exits were found; run again from the same PC
-    STOP_STEP_THROUGH,  // a block to run one instruction at a time
+    STOP_BLOCK_DONE,         // a one-block run reached its second block
+    STOP_RETRANSLATE,        // new exits were found; run again from the same PC
+    STOP_STEP_THROUGH,       // a block to run one instruction at a time
+    STOP_INSTRUCTION_FAULT,  // the code hook found a fault before an instruction
   };
   enum STOP_RESULT { SR_HALTED, SR_SLICE, SR_AT_EXIT, SR_AGAIN, SR_EVENT, SR_STEP_THROUGH };
   enum STEP_RESULT { STEP_DONE, STEP_HALTED };
@@ -108,6 +109,7 @@ class CSimTarget : public CProbeBackend, private ISimSystemHost {
     BLOCK_DIVIDE = SIM_CHECK_DIVIDE << BLOCK_CHECKS_SHIFT,
     BLOCK_FP = SIM_CHECK_FP << BLOCK_CHECKS_SHIFT,
     BLOCK_READS_CONTROL = SIM_CHECK_READ_CONTROL << BLOCK_CHECKS_SHIFT,
+    BLOCK_IT_HOOK_CHECK = 1u << 6,  // an IT block with a load, store or divide that the code hook checks
   };
   static constexpr U32 kBlockCacheSize = 1u << 16;
   static constexpr U32 kMaxBlockBytes = 4096;
@@ -162,6 +164,16 @@ class CSimTarget : public CProbeBackend, private ISimSystemHost {
   U32 _InstructionFault(U32 PC);
   // The same check before one instruction is stepped, with the fault taken: false when halted.
   bool _CheckBeforeStep(U32 PC, bool* pFaulted);
+  // The code hook's quick look: whether the instruction at PC may need the check.
+  bool _MayFaultInHook(U32 PC) const {
+    if (PC - SIM_FLASH_ADDR <= SIM_FLASH_SIZE - 4) {
+      return _aHookCheckByHighByte[_pFlash[PC - SIM_FLASH_ADDR + 1]];
+    }
+    if (PC - SIM_RAM_ADDR <= SIM_RAM_SIZE - 4) {
+      return _aHookCheckByHighByte[_pRAM[PC - SIM_RAM_ADDR + 1]];
+    }
+    return false;
+  }
   // Works out which instruction classes need their check from CCR, CPACR and FPCCR.
   void _UpdateInstructionChecks();
   void _UpdateSlowBlockFlags();
@@ -242,7 +254,12 @@ class CSimTarget : public CProbeBackend, private ISimSystemHost {
   // Which instruction faults the emulator doesn't raise itself must be checked before an instruction
   // runs, from CCR's traps, CPACR and a pending lazy floating-point save.
   bool _CheckDivide = false, _CheckUnaligned = false, _CheckFP = false;
-  bool _FPCAStaysClear = false;                    // the instruction being stepped must not set CONTROL.FPCA
+  bool _FPCAStaysClear = false;  // the instruction being stepped must not set CONTROL.FPCA
+  bool _CodeHookUpdatePending = false;
+  bool _aHookCheckByHighByte[256] = {};  // encodings the code hook checks, by their first high byte
+  U32 _InstructionFaultBits = 0, _InstructionFaultPC = 0;
+  // Flash and RAM as the emulator sees them, for the code hook's look at an instruction.
+  std::unique_ptr<U8[]> _pFlash, _pRAM;
   std::vector<std::pair<U32, int>> _aBreakpoints;  // address, count of users
   std::vector<PROBE_WATCH> _aWatches;
   size_t _hMemHook = 0;   // 0 while no data breakpoint needs the memory hooks

@@ -134,6 +134,9 @@ const FAULT_CASE kFaultCases[] = {
   // it faults.
   {"LdrdSkippedInItBlock", kM4, {0x2901, 0xBF08, 0xE9D0, 0x2300, 0xBE01}, 0x20000002, 0, kSHCSR_USGFAULTENA, kCCRReset, 0, 0, 0x108, 0, 0, 0, 0},
   {"LdrdExecutedInItBlock", kM4, {0x2901, 0xBF08, 0xE9D0, 0x2300, 0xBE01}, 0x20000002, 1, kSHCSR_USGFAULTENA, kCCRReset, 0, 0, kUsageFault, 1u << 24, 0, 0, 0x104},
+  // cmp r1, #1; it eq; ldreq r2, [r0] under UNALIGN_TRP: nothing with r1 = 0, a fault with r1 = 1.
+  {"TrappedLdrSkippedInItBlock", kM4, {0x2901, 0xBF08, 0x6802, 0xBE01}, 0x20000001, 0, kSHCSR_USGFAULTENA, kCCR_UNALIGN_TRP, 0, 0, 0x106, 0, 0, 0, 0},
+  {"TrappedLdrExecutedInItBlock", kM4, {0x2901, 0xBF08, 0x6802, 0xBE01}, 0x20000001, 1, kSHCSR_USGFAULTENA, kCCR_UNALIGN_TRP, 0, 0, kUsageFault, 1u << 24, 0, 0, 0x104},
   // ldr and ldrh at odd addresses: allowed, unless UNALIGN_TRP.
   {"UnalignedLdrUntrapped", kM4, {0x6802, 0xBE01}, 0x20000001, 0, kSHCSR_USGFAULTENA, kCCRReset, 0, 0, 0x102, 0, 0, 0, 0},
   {"UnalignedLdrTrapped", kM4, {0x6802, 0xBE01}, 0x20000001, 0, kSHCSR_USGFAULTENA, kCCR_UNALIGN_TRP, 0, 0, kUsageFault, 1u << 24, 0, 0, 0x100},
@@ -477,5 +480,22 @@ TEST(SimFaultChecks, ALoopOfCheckedAccessesRunsToItsEnd) {
     EXPECT_EQ(TARVIKARM_ReadReg(1), 0x11111111u);
     EXPECT_EQ(TARVIKARM_ReadReg(2), 0x22222222u);
     EXPECT_EQ(TARVIKARM_ReadReg(0), 0x20000010u);
+  }
+}
+
+TEST(SimFaultChecks, AMillionTrappedLoadsAndStoresRunWellWithinTheBound) {
+  // movs r3, #1; lsls r3, r3, #20; 1: ldr r1, [r0]; adds r1, #1; str r1, [r0]; subs r3, #1; bne 1b;
+  // bkpt #1. Four million instructions: run one at a time they would take far longer than the bound.
+  const std::vector<U16> aLoop = {0x2301, 0x051B, 0x6801, 0x3101, 0x6001, 0x3B01, 0xD1FA, 0xBE01};
+  for (const char* sDevice : {kM0, kM3, kM4}) {
+    SCOPED_TRACE(sDevice);
+    CSimSession Session(sDevice);
+    _LoadProgram(aLoop, {});
+    if (std::string(sDevice) != kM0) {
+      _WriteU32(kCCR, kCCR_UNALIGN_TRP);  // the M0 has the trap always
+    }
+    TARVIKARM_WriteReg(0, 0x20000010);
+    EXPECT_EQ(CSimSession::RunToHalt(), 0x10Eu);
+    EXPECT_EQ(CSimSession::ReadU32(0x20000010), 1u << 20);
   }
 }
