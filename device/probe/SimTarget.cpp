@@ -437,7 +437,8 @@ void CSimTarget::_FillBlock(BLOCK_ENTRY& Block, U32 Addr, U32 Size) {
         if (k + 1 < Num && SIM_MayAccessMemory(I0, I1)) {
           Flags |= BLOCK_IT_ACCESS;
         }
-        if (SIM_RuntimeChecksOf(I0, I1) & (SIM_CHECK_SINGLE_ACCESS | SIM_CHECK_DIVIDE)) {
+        if (SIM_RuntimeChecksOf(I0, I1) &
+            (SIM_CHECK_SINGLE_ACCESS | SIM_CHECK_DIVIDE | SIM_CHECK_MULTI_ACCESS)) {
           Flags |= BLOCK_IT_HOOK_CHECK;
         }
         At += SIM_InstSize(I0);
@@ -1073,22 +1074,6 @@ void CSimTarget::_UpdateInstructionChecks() {
   U32 FPCCR = _pSystem->GetFPCCR();
   _CheckFP = _HasFPU && (((_pSystem->GetCPACR() >> 20) & 3) != 3 || (FPCCR & SIM_FPCCR_LSPACT) ||
                          !(FPCCR & SIM_FPCCR_ASPEN));
-  // Which encodings the code hook looks at closer, by the high byte of their first halfword: loads and
-  // stores of halfwords and words (and bytes, which the closer look lets pass), the divides.
-  std::fill(std::begin(_aHookCheckByHighByte), std::end(_aHookCheckByHighByte), false);
-  auto Mark = [this](U32 Lo, U32 Hi) {
-    for (U32 b = Lo; b <= Hi; b++) {
-      _aHookCheckByHighByte[b] = true;
-    }
-  };
-  if (_CheckUnaligned) {
-    Mark(0x50, 0x6F);
-    Mark(0x80, 0x8F);
-    Mark(0xF8, 0xF9);
-  }
-  if (_CheckDivide) {
-    Mark(0xFB, 0xFB);
-  }
   _UpdateSlowBlockFlags();
   if (_InEmulation) {
     // Written by the program: the hooks change once the emulator has returned, which the next block
@@ -1106,12 +1091,38 @@ void CSimTarget::_UpdateSlowBlockFlags() {
   // Loads, stores and divides under their traps are checked by the code hook instead, which costs far
   // less than running their blocks one instruction at a time (on ARMv6-M the alignment trap is always
   // on); only inside an IT block, where the hook can't stop, they go one at a time.
-  U8 Flags = BLOCK_MULTI_ACCESS;
+  // While the code hook is there anyway, it checks the multi-word accesses as well.
+  bool Hook = _IsCodeHookWanted();
+  U8 Flags = Hook ? BLOCK_IT_HOOK_CHECK : BLOCK_MULTI_ACCESS;
   Flags |= _aWatches.empty() ? 0 : BLOCK_IT_ACCESS;
-  Flags |= _CheckUnaligned || _CheckDivide ? BLOCK_IT_HOOK_CHECK : 0;
   Flags |= _CheckFP ? BLOCK_FP : 0;
   Flags |= _HasFPU ? BLOCK_READS_CONTROL : 0;
   _SlowBlockFlags = Flags;
+  // Which encodings the code hook looks at closer, by the high byte of their first halfword: loads and
+  // stores of halfwords and words (and bytes, which the closer look lets pass), the divides, LDM, STM,
+  // LDRD and STRD (and the rest of their encoding space, which it lets pass too).
+  std::fill(std::begin(_aHookCheckByHighByte), std::end(_aHookCheckByHighByte), false);
+  auto Mark = [this](U32 Lo, U32 Hi) {
+    for (U32 b = Lo; b <= Hi; b++) {
+      _aHookCheckByHighByte[b] = true;
+    }
+  };
+  if (_CheckUnaligned) {
+    Mark(0x50, 0x6F);
+    Mark(0x80, 0x8F);
+    Mark(0xF8, 0xF9);
+  }
+  if (_CheckDivide) {
+    Mark(0xFB, 0xFB);
+  }
+  if (Hook) {
+    Mark(0xC0, 0xCF);
+    Mark(0xE8, 0xE9);
+  }
+}
+
+bool CSimTarget::_IsCodeHookWanted() const {
+  return _TraceOn || !_aWatches.empty() || _CheckUnaligned || _CheckDivide;
 }
 
 bool CSimTarget::_CheckBeforeStep(U32 PC, bool* pFaulted) {
@@ -1605,7 +1616,8 @@ int CSimTarget::ClearBreakpoint(U32 Addr, bool Hardware) {
 
 void CSimTarget::_UpdateCodeHook() {
   // The per-instruction hook costs a fifth of the speed: only trace and data breakpoints need it.
-  bool Wanted = _TraceOn || !_aWatches.empty() || _CheckUnaligned || _CheckDivide;
+  _UpdateSlowBlockFlags();
+  bool Wanted = _IsCodeHookWanted();
   if (Wanted && _hCodeHook == 0) {
     uc_hook h;
     if (uc_hook_add(_pUc, &h, UC_HOOK_CODE, reinterpret_cast<void*>(SIM_HOOKS::OnCode), this, 1, 0) ==

@@ -109,7 +109,7 @@ class CSimTarget : public CProbeBackend, private ISimSystemHost {
     BLOCK_DIVIDE = SIM_CHECK_DIVIDE << BLOCK_CHECKS_SHIFT,
     BLOCK_FP = SIM_CHECK_FP << BLOCK_CHECKS_SHIFT,
     BLOCK_READS_CONTROL = SIM_CHECK_READ_CONTROL << BLOCK_CHECKS_SHIFT,
-    BLOCK_IT_HOOK_CHECK = 1u << 6,  // an IT block with a load, store or divide that the code hook checks
+    BLOCK_IT_HOOK_CHECK = 1u << 6,  // an IT block with an access or divide that the code hook checks
   };
   static constexpr U32 kBlockCacheSize = 1u << 16;
   static constexpr U32 kMaxBlockBytes = 4096;
@@ -177,6 +177,7 @@ class CSimTarget : public CProbeBackend, private ISimSystemHost {
   // Works out which instruction classes need their check from CCR, CPACR and FPCCR.
   void _UpdateInstructionChecks();
   void _UpdateSlowBlockFlags();
+  bool _IsCodeHookWanted() const;
   bool _FPAccessAllowed();
   // Lazy floating-point state preservation: writes the preempted context's S0..S15 and FPSCR to the
   // space reserved at FPCAR, before the first floating-point instruction since the entry runs.
