@@ -13,6 +13,7 @@
 #include "app/tables/SettingsTables.h"
 #include "device/Device.h"
 #include "device/DeviceDataProvider.h"
+#include "device/probe/ProbeCore.h"
 #include "windows/Window.h"
 
 namespace {
@@ -133,6 +134,18 @@ int CTargetCommands::RegisterIndexByName(const QString& sNameIn) {
   for (const auto& e : aSpecial) {
     if (sName == QLatin1String(e.sName)) {
       return CortexM ? e.Index : -1;
+    }
+  }
+  // The floating-point registers follow them: S0..S31, then FPSCR. A core without an FPU refuses them
+  // when they are read or written.
+  if (sName == "FPSCR") {
+    return CortexM ? int(PROBE_REG_FPSCR) : -1;
+  }
+  if (sName.startsWith('S') && sName.size() > 1 && sName[1].isDigit()) {
+    bool Ok = false;
+    int n = sName.mid(1).toInt(&Ok, 10);
+    if (Ok && n >= 0 && n <= 31 && sName.mid(1) == QString::number(n)) {
+      return CortexM ? int(PROBE_REG_S0) + n : -1;
     }
   }
   static const struct {

@@ -28,3 +28,20 @@ build basic-O0-gdwarf5as cortex-m4 -O0 "-g -Wa,--gdwarf-5" basic.c
 # Thumb-1 only code for the Cortex-M0 simulator.
 build basic-m0-O0 cortex-m0 -O0 -g basic.c
 build systick-m0-O2 cortex-m0 -O2 -g systick.c
+# Programs for stepping the simulator and QEMU side by side, each built for the cores it is about. The
+# Cortex-M0 ones fit the 16 KiB of RAM of QEMU's microbit board.
+COMMON_16K=$(echo "$COMMON" | sed 's#common/link.ld#common/link-16k.ld#')
+build_16k() { # name cpu opt debug-flags fixture
+  COMMON_SAVED=$COMMON; COMMON=$COMMON_16K; build "$@"; COMMON=$COMMON_SAVED
+}
+FPU="-mfloat-abi=hard -mfpu=fpv4-sp-d16"
+build_16k basic-m0-16k-O0 cortex-m0 -O0 -g basic.c
+build_16k isa-m0-O2 cortex-m0 -O2 -g isa.c
+for core in m3 m4; do
+  build itblocks-$core-O2 cortex-$core -O2 -g itblocks.c
+  build faults-$core-O2 cortex-$core -O2 -g faults.c
+  build mpu-$core-O2 cortex-$core -O2 -g mpu.c
+done
+build isa-m3-O2 cortex-m3 -O2 -g isa.c
+build isa-m4-O2 "cortex-m4 $FPU" -O2 -g isa.c
+build fpirq-m4-O2 "cortex-m4 $FPU" -O2 -g fpirq.c

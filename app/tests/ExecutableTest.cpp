@@ -362,6 +362,39 @@ TEST(Executable, MemoryAndRegistersOfTheSimulatedTargetFromABatch) {
   EXPECT_EQ(Ram.mid(4), QByteArray(8, 0x5A));
 }
 
+TEST(Executable, FloatingPointRegistersByNameFromABatch) {
+  const QString sImage = QString(ZEVRA_SOURCE_DIR) + "/target/elf/basic-O0.bin";
+  QString sBatch = QString(
+                       "Exec.Connect\n"
+                       "Target.LoadMemory (\"%1\", 0)\n"
+                       "Exec.Reset\n"
+                       "Target.SetReg (S5, 0x3FC00000)\n"
+                       "Target.GetReg (S5)\n"
+                       "Target.SetReg (s31, 0x40490FDB)\n"
+                       "Target.GetReg (S31)\n"
+                       "Target.SetReg (FPSCR, 0x00400000)\n"
+                       "Target.GetReg (fpscr)\n"
+                       "Target.GetReg (S32)\n"
+                       "Target.GetReg (S05)\n")
+                       .arg(sImage);
+  RUN Run = RunZevra({"--batch", "-"}, sBatch.toUtf8());
+  EXPECT_EQ(Run.ExitCode, 1) << Run.sOut.toStdString();  // the two unknown names
+  QStringList Lines = Run.sOut.split('\n', Qt::SkipEmptyParts);
+  const QStringList Expected = {
+      "Target.GetReg (\"S5\");",
+      "= 1069547520 (0x3FC00000)",  // 1.5f
+      "Target.GetReg (\"S31\");",
+      "= 1078530011 (0x40490FDB)",  // pi as a float
+      "Target.GetReg (\"fpscr\");",
+      "= 4194304 (0x00400000)",
+      "Target.GetReg (\"S32\"): unknown register: S32",
+      "Target.GetReg (\"S05\"): unknown register: S05",
+  };
+  for (const QString& s : Expected) {
+    EXPECT_TRUE(Lines.contains(s)) << s.toStdString() << "\n" << Run.sOut.toStdString();
+  }
+}
+
 TEST(Executable, UnreadableMemoryAndALostProbeAreReportedNotHidden) {
   RUN Run = RunZevra({"--batch", "-"},
                      "Exec.Connect\n"

@@ -2,20 +2,52 @@
 #include "device/probe/GdbRemote.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "device/probe/ProbeCore.h"
 
 namespace {
 
-// Names a server may give each register of the layer, by layer index.
-const char* const kRegNames[PROBE_NUM_REGS][2] = {
+// Names a server may give each register of the layer, by layer index; the floating-point registers
+// come from the table below.
+const char* const kCoreRegNames[PROBE_REG_S0][2] = {
     {"r0", nullptr},      {"r1", nullptr},        {"r2", nullptr},     {"r3", nullptr},  {"r4", nullptr},
     {"r5", nullptr},      {"r6", nullptr},        {"r7", nullptr},     {"r8", nullptr},  {"r9", nullptr},
     {"r10", nullptr},     {"r11", nullptr},       {"r12", nullptr},    {"sp", "r13"},    {"lr", "r14"},
     {"pc", "r15"},        {"xpsr", "cpsr"},       {"msp", nullptr},    {"psp", nullptr}, {"primask", nullptr},
     {"basepri", nullptr}, {"faultmask", nullptr}, {"control", nullptr}};
+
+// The layer index a server's register name stands for, -1 for none: the names above, "s0".."s31" and
+// "fpscr".
+int _LayerRegByName(const std::string& sName) {
+  for (U32 i = 0; i < PROBE_REG_S0; i++) {
+    if (sName == kCoreRegNames[i][0] || (kCoreRegNames[i][1] && sName == kCoreRegNames[i][1])) {
+      return int(i);
+    }
+  }
+  if (sName == "fpscr") {
+    return int(PROBE_REG_FPSCR);
+  }
+  if (sName.size() >= 2 && sName.size() <= 3 && sName[0] == 's' && isdigit(U8(sName[1])) &&
+      (sName.size() == 2 || (sName[1] != '0' && isdigit(U8(sName[2]))))) {
+    int n = atoi(sName.c_str() + 1);
+    return n <= 31 ? int(PROBE_REG_S0) + n : -1;
+  }
+  return -1;
+}
+
+// The number n of a server's "dn" register, n below 16 (the ones holding S0..S31), or -1.
+int _DoubleRegNumber(const std::string& sName) {
+  if (sName.size() < 2 || sName.size() > 3 || sName[0] != 'd' || !isdigit(U8(sName[1])) ||
+      (sName.size() == 3 && (sName[1] == '0' || !isdigit(U8(sName[2]))))) {
+    return -1;
+  }
+  int n = atoi(sName.c_str() + 1);
+  return n < 16 ? n : -1;
+}
 
 // The value of attribute sName inside one XML tag; empty when absent.
 std::string _Attribute(const std::string& sTag, const char* sName) {
@@ -89,10 +121,19 @@ bool GDB_MapRegisters(const std::string& sXml, std::vector<GDB_REG_SLOT>& aSlots
   aSlots.assign(PROBE_NUM_REGS, GDB_REG_SLOT{});
   int Offset = 0;
   for (const REG& R : aByNumber) {
-    for (U32 i = 0; i < PROBE_NUM_REGS; i++) {
-      if (aSlots[i].Number < 0 &&
-          (R.sName == kRegNames[i][0] || (kRegNames[i][1] && R.sName == kRegNames[i][1]))) {
-        aSlots[i] = {R.Number, Offset, R.NumBytes};
+    int i = _LayerRegByName(R.sName);
+    if (i >= 0 && aSlots[size_t(i)].Number < 0) {
+      aSlots[size_t(i)] = {R.Number, Offset, R.NumBytes, 0};
+    }
+    // A server that describes the FPU by its double registers (the "org.gnu.gdb.arm.vfp" feature)
+    // holds two single registers in each, the lower-numbered one in the low word.
+    int d = _DoubleRegNumber(R.sName);
+    if (d >= 0 && R.NumBytes == 8) {
+      for (int Half = 0; Half < 2; Half++) {
+        GDB_REG_SLOT& Slot = aSlots[size_t(PROBE_REG_S0) + size_t(2 * d + Half)];
+        if (Slot.Number < 0) {
+          Slot = {R.Number, Offset + 4 * Half, 8, 4 * Half};
+        }
       }
     }
     Offset += R.NumBytes;
@@ -785,13 +826,14 @@ int CGdbRemote::ReadReg(U32 Index, U32* pValue) {
     return -1;
   }
   std::vector<U8> aValue;
-  if (!GDB_FromHex(sReply, aValue) || aValue.size() < 4) {
+  if (!GDB_FromHex(sReply, aValue) || aValue.size() < size_t(Slot.Part) + 4) {
     if (!_IsErrorReply(sReply)) {
       PROBE_Error("gdbserver: malformed reply to \"p%x\"", Slot.Number);
     }
     return -1;
   }
-  *pValue = U32(aValue[0]) | U32(aValue[1]) << 8 | U32(aValue[2]) << 16 | U32(aValue[3]) << 24;
+  const U8* p = &aValue[size_t(Slot.Part)];
+  *pValue = U32(p[0]) | U32(p[1]) << 8 | U32(p[2]) << 16 | U32(p[3]) << 24;
   return 0;
 }
 
@@ -803,7 +845,17 @@ int CGdbRemote::WriteReg(U32 Index, U32 Value) {
   const GDB_REG_SLOT& Slot = _aRegs[Index];
   std::string sReply;
   if (_UsePWrite) {
-    if (_Transact("P" + _Hex(U32(Slot.Number)) + "=" + GDB_U32ToTargetHex(Value), sReply) != 0) {
+    std::string sValue = GDB_U32ToTargetHex(Value);
+    if (Slot.NumBytes == 8) {
+      // Half of a double register: the other half goes back as it is.
+      U32 Other = 0;
+      U32 OtherIndex = Slot.Part ? Index - 1 : Index + 1;
+      if (ReadReg(OtherIndex, &Other) != 0) {
+        return -1;
+      }
+      sValue = Slot.Part ? GDB_U32ToTargetHex(Other) + sValue : sValue + GDB_U32ToTargetHex(Other);
+    }
+    if (_Transact("P" + _Hex(U32(Slot.Number)) + "=" + sValue, sReply) != 0) {
       return -1;
     }
     if (sReply == "OK") {

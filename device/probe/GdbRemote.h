@@ -23,10 +23,13 @@ constexpr U16 kGdbDefaultPort = 3333;
 CProbeBackend* GDB_GetRemoteBackend(const std::string& sHostPort);
 
 // Where a register of the layer lives on the server; Number -1 when the server does not have it.
+// A layer register may be part of a wider server register: S2n and S2n+1 are the low and high words of
+// the server's Dn.
 struct GDB_REG_SLOT {
-  int Number = -1;  // the server's register number (p/P)
-  int Offset = -1;  // byte offset in the g packet, -1 when not known
-  int NumBytes = 4;
+  int Number = -1;   // the server's register number (p/P)
+  int Offset = -1;   // byte offset of the layer register's value in the g packet, -1 when not known
+  int NumBytes = 4;  // size of the server's register
+  int Part = 0;      // byte offset of the layer register's value inside the server's register
 };
 
 // Builds the layer's register map from a target description (all its documents joined); false when

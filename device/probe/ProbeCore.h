@@ -9,7 +9,8 @@
 #include "device/probe/ProbeBackend.h"
 #include "device/probe/TarvikApi.h"
 
-// Register indices of the layer on Cortex-M: the logical numbers 0..16, then the special registers.
+// Register indices of the layer on Cortex-M: the logical numbers 0..16, then the special registers,
+// then the floating-point registers of cores with an FPU (S0..S31 as 32-bit values, and FPSCR).
 enum : U32 {
   PROBE_REG_SP = 13,
   PROBE_REG_LR = 14,
@@ -21,7 +22,10 @@ enum : U32 {
   PROBE_REG_BASEPRI = 20,
   PROBE_REG_FAULTMASK = 21,
   PROBE_REG_CONTROL = 22,
-  PROBE_NUM_REGS = 23,
+  PROBE_REG_S0 = 23,
+  PROBE_REG_S31 = PROBE_REG_S0 + 31,
+  PROBE_REG_FPSCR = 55,
+  PROBE_NUM_REGS = 56,
 };
 
 // Core identifiers of the devices the layer offers.

@@ -65,7 +65,7 @@ SIM_INST_CHECK _CheckFPv4SP(U16 H0, U16 H1) {
     if (Coproc == 11) {
       return SIM_INST_UNDEFINED;  // double precision
     }
-    if ((H0 & 0xFFBE) == 0xEEB6) {
+    if ((H0 & 0xFFBE) == 0xEEB6 && (H1 & 0x40)) {
       return SIM_INST_UNDEFINED;  // VRINTR, VRINTZ, VRINTX, and VCVT between single and double
     }
   }
@@ -125,6 +125,45 @@ bool SIM_MayAccessMemory(U16 H0, U16 H1) {
   (void)H1;
   return (H0 & 0xFE00) == 0xE800 || (H0 & 0xFE00) == 0xF800 ||
          ((H0 & 0xEE00) == 0xEC00 && (H0 & 0xFFE0) != 0xEC40);
+}
+
+U32 SIM_RuntimeChecksOf(U16 H0, U16 H1) {
+  if (H0 < 0xE800) {
+    switch (H0 >> 12) {
+      case 0x5: {  // register offset: STR, STRH, STRB, LDRSB, LDR, LDRH, LDRB, LDRSH
+        U32 Op = (H0 >> 9) & 7;
+        return (Op == 2 || Op == 3 || Op == 6) ? 0 : SIM_CHECK_SINGLE_ACCESS;
+      }
+      case 0x6:  // STR, LDR (immediate)
+      case 0x8:  // STRH, LDRH (immediate)
+        return SIM_CHECK_SINGLE_ACCESS;
+      case 0xC:  // STMIA, LDMIA
+        return SIM_CHECK_MULTI_ACCESS;
+      default:  // the stack pointer and PC-relative forms are word aligned by construction
+        return 0;
+    }
+  }
+  U32 Rn = H0 & 0xF;
+  if ((H0 & 0xFE40) == 0xE800) {  // LDM, STM; from SP they are POP and PUSH
+    U32 Op = (H0 >> 7) & 3;
+    return (Op == 1 || Op == 2) && Rn != 13 ? SIM_CHECK_MULTI_ACCESS : 0;
+  }
+  if ((H0 & 0xFE40) == 0xE840 && (H0 & 0x0120) != 0) {  // LDRD, STRD
+    return Rn != 13 && Rn != 15 ? SIM_CHECK_MULTI_ACCESS : 0;
+  }
+  if ((H0 & 0xFE00) == 0xF800) {  // single loads and stores
+    return ((H0 >> 5) & 3) == 1 || ((H0 >> 5) & 3) == 2 ? SIM_CHECK_SINGLE_ACCESS : 0;
+  }
+  if ((H0 & 0xFFD0) == 0xFB90 && (H1 & 0x00F0) == 0x00F0) {  // SDIV, UDIV
+    return SIM_CHECK_DIVIDE;
+  }
+  if (H0 == 0xF3EF && (H1 & 0xF0FF) == 0x8014) {
+    return SIM_CHECK_READ_CONTROL;
+  }
+  if ((H0 & 0xEC00) == 0xEC00 && ((H1 >> 9) & 7) == 5) {  // coprocessor space, coprocessors 10 and 11
+    return SIM_CHECK_FP;
+  }
+  return 0;
 }
 
 bool SIM_ConditionPassed(U32 Cond, U32 APSR) {

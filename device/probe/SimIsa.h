@@ -29,6 +29,20 @@ SIM_INST_CHECK SIM_CheckInstruction(SIM_ISA Isa, U16 H0, U16 H1);
 // accesses, floating point transfers). Errs on the side of yes.
 bool SIM_MayAccessMemory(U16 H0, U16 H1);
 
+// Instructions whose faults depend on the state they run in, which the emulator doesn't check itself:
+// LDM, STM, LDRD and STRD not based on SP need word alignment always; halfword and word loads and
+// stores need alignment with CCR.UNALIGN_TRP; SDIV and UDIV fault on zero with CCR.DIV_0_TRP;
+// floating-point instructions need CPACR's access and may first trigger a lazy state save; the MRS of
+// CONTROL must not show what the emulator keeps beyond the core's bits.
+constexpr U32 SIM_CHECK_MULTI_ACCESS = 1u << 0;
+constexpr U32 SIM_CHECK_SINGLE_ACCESS = 1u << 1;
+constexpr U32 SIM_CHECK_DIVIDE = 1u << 2;
+constexpr U32 SIM_CHECK_FP = 1u << 3;
+constexpr U32 SIM_CHECK_READ_CONTROL = 1u << 4;
+
+// The SIM_CHECK_ classes of the instruction H0 (and H1 for a 32-bit one); 0 for none.
+U32 SIM_RuntimeChecksOf(U16 H0, U16 H1);
+
 // The IT instruction: its ITSTATE for the first instruction of the block, 0 when H0 is no IT.
 inline U32 SIM_ITStateOf(U16 H0) {
   return ((H0 & 0xFF00) == 0xBF00 && (H0 & 0xF)) ? (H0 & 0xFF) : 0;

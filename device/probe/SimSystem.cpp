@@ -37,14 +37,19 @@ enum : U32 {
   SCB_HFSR = 0xED2C,
   SCB_MMFAR = 0xED34,
   SCB_BFAR = 0xED38,
+  SCB_CPACR = 0xED88,
+  FP_FPCCR = 0xEF34,
+  FP_FPCAR = 0xEF38,
+  FP_FPDSCR = 0xEF3C,
+  NVIC_STIR = 0xEF00,
   DCB_DHCSR = 0xEDF0,
   DCB_DEMCR = 0xEDFC,
 };
 
 }  // namespace
 
-CSimSystem::CSimSystem(ISimSystemHost* pHost, U32 CpuId, U32 NumPriorityBits, bool HasVTOR)
-    : _pHost(pHost), _CpuId(CpuId), _PrioMask(U32(0xFF00 >> NumPriorityBits) & 0xFF), _HasVTOR(HasVTOR) {
+CSimSystem::CSimSystem(ISimSystemHost* pHost, const SIM_CORE_TRAITS& Traits)
+    : _pHost(pHost), _Traits(Traits), _PrioMask(U32(0xFF00 >> Traits.NumPriorityBits) & 0xFF) {
   Reset();
 }
 
@@ -56,7 +61,10 @@ void CSimSystem::Reset() {
   _SysTickCSR = _SysTickRVR = _StoppedCVR = 0;
   _NextSysTickZero = kNever;
   _VTOR = _PriGroup = _SCR = _SHCSR = _CFSR = _HFSR = _MMFAR = _BFAR = 0;
-  _CCR = 0x200;
+  // ARMv6-M traps every unaligned access and always aligns the stack; the bits read as one.
+  _CCR = _Traits.IsV6M ? (SIM_CCR_STKALIGN | SIM_CCR_UNALIGN_TRP) : SIM_CCR_STKALIGN;
+  _CPACR = _FPCAR = _FPDSCR = 0;
+  _FPCCR = _Traits.HasFPU ? (SIM_FPCCR_ASPEN | SIM_FPCCR_LSPEN) : 0;
   _DWTCtrl = 0;
   _StoppedCycCnt = 0;
   _ITMTCR = _ITMTPR = 0;
@@ -157,12 +165,45 @@ void CSimSystem::SetSWOEnabled(bool On, U32 PortMask) {
   }
 }
 
-void CSimSystem::RecordBusFault(U32 Addr, bool Precise) {
-  _CFSR |= Precise ? ((1u << 9) | (1u << 15)) : (1u << 10);
-  if (Precise) {
-    _BFAR = Addr;
+void CSimSystem::RecordFaultStatus(U32 CfsrBits) {
+  if (!_Traits.IsV6M) {
+    _CFSR |= CfsrBits;
   }
-  _HFSR |= 1u << 30;
+}
+
+void CSimSystem::RecordBusFaultAddress(U32 Addr) {
+  if (!_Traits.IsV6M) {
+    _BFAR = Addr;
+    _CFSR |= SIM_CFSR_BFARVALID;
+  }
+}
+
+void CSimSystem::RecordForcedHardFault() {
+  if (!_Traits.IsV6M) {
+    _HFSR |= 1u << 30;
+  }
+}
+
+U32 CSimSystem::_ReadSHCSR() const {
+  // The active and pending bits mirror the exception state; only the enables are stored.
+  U32 v = _SHCSR & (SIM_SHCSR_MEMFAULTENA | SIM_SHCSR_BUSFAULTENA | SIM_SHCSR_USGFAULTENA);
+  const struct {
+    U32 Exception;
+    int ActiveBit, PendingBit;
+  } aBits[] = {{SIM_EXC_MEMMANAGE, 0, 13}, {SIM_EXC_BUSFAULT, 1, 14}, {SIM_EXC_USAGEFAULT, 3, 12},
+               {SIM_EXC_SVCALL, 7, 15},    {SIM_EXC_PENDSV, 10, -1},  {SIM_EXC_SYSTICK, 11, -1}};
+  for (const auto& b : aBits) {
+    if (_Traits.IsV6M && b.Exception != SIM_EXC_SVCALL) {
+      continue;
+    }
+    if (_aActive[b.Exception] && !_Traits.IsV6M) {
+      v |= 1u << b.ActiveBit;
+    }
+    if (b.PendingBit >= 0 && _aPending[b.Exception]) {
+      v |= 1u << b.PendingBit;
+    }
+  }
+  return v;
 }
 
 U32 CSimSystem::Read(U32 Offset, U32 Size, bool FromDebugger) {
@@ -269,9 +310,14 @@ U32 CSimSystem::_ReadWord(U32 Offset, bool FromDebugger) {
       return v;
     }
     case SCB_CPUID:
-      return _CpuId;
+      return _Traits.CpuId;
     case SCB_ICSR: {
       U32 v = _pHost->GetActiveException() & 0x1FF;
+      if (!_Traits.IsV6M) {
+        // RETTOBASE: no active exception besides the one running (or none at all).
+        int NumActive = int(std::count(std::begin(_aActive), std::end(_aActive), true));
+        v |= NumActive <= 1 ? (1u << 11) : 0;
+      }
       v |= (GetHighestPending() & 0x1FF) << 12;
       v |= _aPending[SIM_EXC_PENDSV] ? (1u << 28) : 0;
       v |= _aPending[SIM_EXC_SYSTICK] ? (1u << 26) : 0;
@@ -287,15 +333,23 @@ U32 CSimSystem::_ReadWord(U32 Offset, bool FromDebugger) {
     case SCB_CCR:
       return _CCR;
     case SCB_SHCSR:
-      return _SHCSR;
+      return _ReadSHCSR();
     case SCB_CFSR:
-      return _CFSR;
+      return _Traits.IsV6M ? 0 : _CFSR;
     case SCB_HFSR:
-      return _HFSR;
+      return _Traits.IsV6M ? 0 : _HFSR;
     case SCB_MMFAR:
-      return _MMFAR;
+      return _Traits.IsV6M ? 0 : _MMFAR;
     case SCB_BFAR:
-      return _BFAR;
+      return _Traits.IsV6M ? 0 : _BFAR;
+    case SCB_CPACR:
+      return _CPACR;
+    case FP_FPCCR:
+      return _FPCCR;
+    case FP_FPCAR:
+      return _FPCAR;
+    case FP_FPDSCR:
+      return _FPDSCR;
     case DCB_DHCSR: {
       U32 v = DebuggerConnected ? 1u : 0u;
       if (IsHaltedForDebugger) {
@@ -378,6 +432,12 @@ void CSimSystem::_WriteWord(U32 Offset, U32 Value, U32 Mask, bool FromDebugger) 
         }
       }
       break;
+    case NVIC_STIR:
+      // Software trigger (ARMv7-M only): the interrupt whose number is written becomes pending.
+      if (!_Traits.IsV6M && (Set & 0x1FF) < SIM_NUM_IRQS) {
+        SetPending(SIM_EXC_IRQ0 + (Set & 0x1FF));
+      }
+      break;
     case NVIC_ICPR:
       for (U32 i = 0; i < SIM_NUM_IRQS; i++) {
         if (Set & (1u << i)) {
@@ -403,7 +463,7 @@ void CSimSystem::_WriteWord(U32 Offset, U32 Value, U32 Mask, bool FromDebugger) 
       }
       break;
     case SCB_VTOR:
-      if (_HasVTOR) {
+      if (!_Traits.IsV6M) {
         _VTOR = Merge(_VTOR) & 0xFFFFFF80u;
       }
       break;
@@ -419,10 +479,41 @@ void CSimSystem::_WriteWord(U32 Offset, U32 Value, U32 Mask, bool FromDebugger) 
       _SCR = Merge(_SCR);
       break;
     case SCB_CCR:
-      _CCR = Merge(_CCR);
+      if (!_Traits.IsV6M) {
+        // Of the writable bits the simulator acts on UNALIGN_TRP and DIV_0_TRP; STKALIGN stays set.
+        _CCR = (Merge(_CCR) & 0x31Bu) | SIM_CCR_STKALIGN;
+        _pHost->OnFaultControlChanged();
+      }
       break;
     case SCB_SHCSR:
-      _SHCSR = Merge(_SHCSR);
+      _SHCSR = _Traits.IsV6M ? 0 : Merge(_SHCSR);
+      break;
+    case SCB_CPACR:
+      if (_Traits.HasFPU) {
+        _CPACR = Merge(_CPACR) & 0x00F00000u;  // CP10 and CP11; no other coprocessor exists
+        _pHost->OnFaultControlChanged();
+      }
+      break;
+    case FP_FPCCR:
+      if (_Traits.HasFPU) {
+        // Every defined bit is read/write on ARMv7-M, the ready bits and USER and THREAD as well, though
+        // the core also sets those at each entry with a lazy save (bit 8, MONRDY, stays as written).
+        const U32 Writable = SIM_FPCCR_ASPEN | SIM_FPCCR_LSPEN | SIM_FPCCR_LSPACT | SIM_FPCCR_USER |
+                             SIM_FPCCR_THREAD | SIM_FPCCR_HFRDY | SIM_FPCCR_MMRDY | SIM_FPCCR_BFRDY |
+                             (1u << 8);
+        _FPCCR = (_FPCCR & ~(Writable & Mask)) | (Set & Writable);
+        _pHost->OnFaultControlChanged();
+      }
+      break;
+    case FP_FPCAR:
+      if (_Traits.HasFPU) {
+        _FPCAR = Merge(_FPCAR) & ~7u;
+      }
+      break;
+    case FP_FPDSCR:
+      if (_Traits.HasFPU) {
+        _FPDSCR = Merge(_FPDSCR) & 0x07C00000u;  // AHP, DN, FZ, RMode
+      }
       break;
     case SCB_CFSR:
       _CFSR &= ~Set;  // write one to clear

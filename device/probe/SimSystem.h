@@ -1,6 +1,7 @@
 // The Cortex-M system peripherals of the simulated target, which the instruction emulator lacks: NVIC,
-// system control block, SysTick, the debug registers (DHCSR, DEMCR), DWT cycle counter and ITM. A plain
-// register model over the private peripheral bus; the simulator drives time and exceptions with it.
+// system control block with the fault status registers, the floating-point control registers, SysTick,
+// the debug registers (DHCSR, DEMCR), DWT cycle counter and ITM. A plain register model over the private
+// peripheral bus; the simulator drives time, exceptions and faults with it.
 #pragma once
 
 #include <limits>
@@ -18,11 +19,15 @@ class ISimSystemHost {
   virtual void OnSystemResetRequest() = 0;         // AIRCR.SYSRESETREQ
   virtual void OnDebugHaltRequest(bool Halt) = 0;  // DHCSR.C_HALT written by the debugger
   virtual void OnStimulusWrite(U32 Port, U32 Value, U32 Size) = 0;
+  virtual void OnFaultControlChanged() {}  // CCR, CPACR or FPCCR written: the instruction checks change
 };
 
 enum : U32 {
   SIM_EXC_NMI = 2,
   SIM_EXC_HARDFAULT = 3,
+  SIM_EXC_MEMMANAGE = 4,
+  SIM_EXC_BUSFAULT = 5,
+  SIM_EXC_USAGEFAULT = 6,
   SIM_EXC_SVCALL = 11,
   SIM_EXC_PENDSV = 14,
   SIM_EXC_SYSTICK = 15,
@@ -33,11 +38,57 @@ enum : U32 {
   SIM_PPB_SIZE = 0x00100000,
 };
 
+// Fault status bits of CFSR (MemManage, BusFault and UsageFault status in one word).
+enum : U32 {
+  SIM_CFSR_IACCVIOL = 1u << 0,
+  SIM_CFSR_DACCVIOL = 1u << 1,
+  SIM_CFSR_MMARVALID = 1u << 7,
+  SIM_CFSR_IBUSERR = 1u << 8,
+  SIM_CFSR_PRECISERR = 1u << 9,
+  SIM_CFSR_IMPRECISERR = 1u << 10,
+  SIM_CFSR_UNSTKERR = 1u << 11,
+  SIM_CFSR_STKERR = 1u << 12,
+  SIM_CFSR_LSPERR = 1u << 13,
+  SIM_CFSR_BFARVALID = 1u << 15,
+  SIM_CFSR_UNDEFINSTR = 1u << 16,
+  SIM_CFSR_INVSTATE = 1u << 17,
+  SIM_CFSR_INVPC = 1u << 18,
+  SIM_CFSR_NOCP = 1u << 19,
+  SIM_CFSR_UNALIGNED = 1u << 24,
+  SIM_CFSR_DIVBYZERO = 1u << 25,
+};
+
+// Bits of CCR, SHCSR and FPCCR the simulator acts on.
+enum : U32 {
+  SIM_CCR_UNALIGN_TRP = 1u << 3,
+  SIM_CCR_DIV_0_TRP = 1u << 4,
+  SIM_CCR_STKALIGN = 1u << 9,
+  SIM_SHCSR_MEMFAULTENA = 1u << 16,
+  SIM_SHCSR_BUSFAULTENA = 1u << 17,
+  SIM_SHCSR_USGFAULTENA = 1u << 18,
+  SIM_FPCCR_LSPACT = 1u << 0,
+  SIM_FPCCR_USER = 1u << 1,
+  SIM_FPCCR_THREAD = 1u << 3,
+  SIM_FPCCR_HFRDY = 1u << 4,
+  SIM_FPCCR_MMRDY = 1u << 5,
+  SIM_FPCCR_BFRDY = 1u << 6,
+  SIM_FPCCR_LSPEN = 1u << 30,
+  SIM_FPCCR_ASPEN = 1u << 31,
+};
+
+// What differs between the simulated cores in the system registers.
+struct SIM_CORE_TRAITS {
+  U32 CpuId;
+  U32 NumPriorityBits;
+  bool IsV6M;   // ARMv6-M: no configurable faults, no fault status registers, fixed CCR
+  bool HasFPU;  // FPCCR, FPCAR, FPDSCR and CPACR's CP10/CP11 fields exist
+};
+
 class CSimSystem {
  public:
   static constexpr U64 kNever = std::numeric_limits<U64>::max();
 
-  CSimSystem(ISimSystemHost* pHost, U32 CpuId, U32 NumPriorityBits, bool HasVTOR);
+  CSimSystem(ISimSystemHost* pHost, const SIM_CORE_TRAITS& Traits);
 
   // Power-on and system reset state.
   void Reset();
@@ -65,9 +116,24 @@ class CSimSystem {
   U32 GetVTOR() const { return _VTOR; }
   U32 GetPriorityMask() const { return _PrioMask; }
   void SetSWOEnabled(bool On, U32 PortMask);
-  void RecordBusFault(U32 Addr, bool Precise);
-  void RecordForcedHardFault() { _HFSR |= 1u << 30; }
-  void RecordUsageFault(U32 CfsrBits) { _CFSR |= CfsrBits; }
+
+  // Faults. CfsrBits go to CFSR (ignored on ARMv6-M, which has none); a valid fault address goes to
+  // BFAR or MMFAR with its valid bit.
+  void RecordFaultStatus(U32 CfsrBits);
+  void RecordBusFaultAddress(U32 Addr);
+  void RecordForcedHardFault();
+  U32 GetCCR() const { return _CCR; }
+  U32 GetSHCSR() const { return _SHCSR; }
+  bool IsV6M() const { return _Traits.IsV6M; }
+  bool HasFPU() const { return _Traits.HasFPU; }
+
+  // Floating-point context control (cores with an FPU).
+  U32 GetFPCCR() const { return _FPCCR; }
+  void SetFPCCR(U32 Value) { _FPCCR = Value; }
+  U32 GetFPCAR() const { return _FPCAR; }
+  void SetFPCAR(U32 Value) { _FPCAR = Value & ~7u; }
+  U32 GetFPDSCR() const { return _FPDSCR; }
+  U32 GetCPACR() const { return _CPACR; }
   bool IsHaltedForDebugger = false;  // mirrored into DHCSR.S_HALT
   bool DebuggerConnected = false;    // DHCSR.C_DEBUGEN
 
@@ -76,10 +142,11 @@ class CSimSystem {
   void _WriteWord(U32 Offset, U32 Value, U32 Mask, bool FromDebugger);
   void _RestartSysTick(U32 StartValue);
 
+  U32 _ReadSHCSR() const;
+
   ISimSystemHost* _pHost;
-  U32 _CpuId;
+  SIM_CORE_TRAITS _Traits;
   U32 _PrioMask;
-  bool _HasVTOR;
   bool _aPending[SIM_NUM_EXCEPTIONS] = {};
   bool _aActive[SIM_NUM_EXCEPTIONS] = {};
   U8 _aPriority[SIM_NUM_EXCEPTIONS] = {};
@@ -91,6 +158,8 @@ class CSimSystem {
   // SCB
   U32 _VTOR = 0, _PriGroup = 0, _SCR = 0, _CCR = 0x200, _SHCSR = 0, _CFSR = 0, _HFSR = 0, _MMFAR = 0,
       _BFAR = 0;
+  // FPU
+  U32 _CPACR = 0, _FPCCR = 0, _FPCAR = 0, _FPDSCR = 0;
   // Debug
   U32 _DEMCR = 0;
   U32 _DWTCtrl = 0;

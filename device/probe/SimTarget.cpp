@@ -39,20 +39,28 @@ enum : U32 {
   UC_INTR_BKPT = 7,
   UC_INTR_EXCEPTION_EXIT = 8,
   UC_INTR_NOCP = 17,
-};
-
-// Fault status bits of CFSR that the simulator raises itself.
-enum : U32 {
-  CFSR_UNDEFINSTR = 1u << 16,
-  CFSR_NOCP = 1u << 19,
+  UC_INTR_INVSTATE = 18,
+  UC_INTR_UNALIGNED = 22,
 };
 
 const int kUcRegs[PROBE_NUM_REGS] = {
-    UC_ARM_REG_R0,      UC_ARM_REG_R1,        UC_ARM_REG_R2,     UC_ARM_REG_R3,  UC_ARM_REG_R4,
-    UC_ARM_REG_R5,      UC_ARM_REG_R6,        UC_ARM_REG_R7,     UC_ARM_REG_R8,  UC_ARM_REG_R9,
-    UC_ARM_REG_R10,     UC_ARM_REG_R11,       UC_ARM_REG_R12,    UC_ARM_REG_SP,  UC_ARM_REG_LR,
-    UC_ARM_REG_PC,      UC_ARM_REG_XPSR,      UC_ARM_REG_MSP,    UC_ARM_REG_PSP, UC_ARM_REG_PRIMASK,
-    UC_ARM_REG_BASEPRI, UC_ARM_REG_FAULTMASK, UC_ARM_REG_CONTROL};
+    UC_ARM_REG_R0,      UC_ARM_REG_R1,        UC_ARM_REG_R2,      UC_ARM_REG_R3,  UC_ARM_REG_R4,
+    UC_ARM_REG_R5,      UC_ARM_REG_R6,        UC_ARM_REG_R7,      UC_ARM_REG_R8,  UC_ARM_REG_R9,
+    UC_ARM_REG_R10,     UC_ARM_REG_R11,       UC_ARM_REG_R12,     UC_ARM_REG_SP,  UC_ARM_REG_LR,
+    UC_ARM_REG_PC,      UC_ARM_REG_XPSR,      UC_ARM_REG_MSP,     UC_ARM_REG_PSP, UC_ARM_REG_PRIMASK,
+    UC_ARM_REG_BASEPRI, UC_ARM_REG_FAULTMASK, UC_ARM_REG_CONTROL, UC_ARM_REG_S0,  UC_ARM_REG_S1,
+    UC_ARM_REG_S2,      UC_ARM_REG_S3,        UC_ARM_REG_S4,      UC_ARM_REG_S5,  UC_ARM_REG_S6,
+    UC_ARM_REG_S7,      UC_ARM_REG_S8,        UC_ARM_REG_S9,      UC_ARM_REG_S10, UC_ARM_REG_S11,
+    UC_ARM_REG_S12,     UC_ARM_REG_S13,       UC_ARM_REG_S14,     UC_ARM_REG_S15, UC_ARM_REG_S16,
+    UC_ARM_REG_S17,     UC_ARM_REG_S18,       UC_ARM_REG_S19,     UC_ARM_REG_S20, UC_ARM_REG_S21,
+    UC_ARM_REG_S22,     UC_ARM_REG_S23,       UC_ARM_REG_S24,     UC_ARM_REG_S25, UC_ARM_REG_S26,
+    UC_ARM_REG_S27,     UC_ARM_REG_S28,       UC_ARM_REG_S29,     UC_ARM_REG_S30, UC_ARM_REG_S31,
+    UC_ARM_REG_FPSCR};
+
+// Emulator register of core register n (0..14) of an instruction's encoding.
+int _UcCoreReg(U32 n) {
+  return n < 13 ? int(UC_ARM_REG_R0 + n) : (n == 13 ? int(UC_ARM_REG_SP) : int(UC_ARM_REG_LR));
+}
 
 // Slot of an address in the per-halfword tables: flash first, then RAM; -1 elsewhere.
 I64 _CounterSlot(U32 Addr) {
@@ -109,8 +117,14 @@ struct SIM_HOOKS {
       S._StopEmulation(CSimTarget::STOP_WATCH);
       return;
     }
+    U32 a = U32(Addr);
+    if (S._MayFaultInHook(a) && (S._InstructionFaultBits = S._InstructionFault(a)) != 0) {
+      S._InstructionFaultPC = a;
+      S._StopEmulation(CSimTarget::STOP_INSTRUCTION_FAULT);
+      return;
+    }
     if (S._TraceOn) {
-      S._CountInstruction(U32(Addr));
+      S._CountInstruction(a);
     }
   }
 
@@ -195,7 +209,8 @@ void SIM_AddDevices() {
 
 // ---- Life cycle ----
 
-CSimTarget::CSimTarget(U32 Core, U32 ClockHz) : _Core(Core), _ClockHz(ClockHz) {
+CSimTarget::CSimTarget(U32 Core, U32 ClockHz)
+    : _Core(Core), _ClockHz(ClockHz), _HasFPU(Core == PROBE_CORE_CORTEX_M4) {
   bool IsM0 = Core == PROBE_CORE_CORTEX_M0;
   _NumBPUnits = IsM0 ? 4 : 6;
   _NumWPUnits = IsM0 ? 2 : 4;
@@ -203,7 +218,7 @@ CSimTarget::CSimTarget(U32 Core, U32 ClockHz) : _Core(Core), _ClockHz(ClockHz) {
   // two can be compared register by register.
   U32 CpuId = IsM0 ? 0x410CC200u : (Core == PROBE_CORE_CORTEX_M3 ? 0x410FC231u : 0x410FC240u);
   _Isa = IsM0 ? SIM_ISA_V6M : (Core == PROBE_CORE_CORTEX_M3 ? SIM_ISA_V7M : SIM_ISA_V7EM_FPSP);
-  _pSystem.reset(new CSimSystem(static_cast<ISimSystemHost*>(this), CpuId, IsM0 ? 2 : 4, !IsM0));
+  _pSystem.reset(new CSimSystem(static_cast<ISimSystemHost*>(this), {CpuId, IsM0 ? 2u : 4u, IsM0, _HasFPU}));
   _aBlockCache.assign(kBlockCacheSize, BLOCK_ENTRY{kNoAddr, 0, 0, 0});
   _aTrace.assign(kTraceCapacity, 0);
   if (uc_open(UC_ARCH_ARM, uc_mode(UC_MODE_THUMB | UC_MODE_MCLASS), &_pUc) != UC_ERR_OK) {
@@ -216,8 +231,11 @@ CSimTarget::CSimTarget(U32 Core, U32 ClockHz) : _Core(Core), _ClockHz(ClockHz) {
                        IsM0 ? UC_CPU_ARM_CORTEX_M0
                             : (Core == PROBE_CORE_CORTEX_M3 ? UC_CPU_ARM_CORTEX_M3 : UC_CPU_ARM_CORTEX_M4));
   uc_ctl_exits_enable(_pUc);
-  uc_mem_map(_pUc, SIM_FLASH_ADDR, SIM_FLASH_SIZE, UC_PROT_READ | UC_PROT_EXEC);
-  uc_mem_map(_pUc, SIM_RAM_ADDR, SIM_RAM_SIZE, UC_PROT_ALL);
+  // Memory the code hook can read directly, for its quick look at each instruction.
+  _pFlash.reset(new U8[SIM_FLASH_SIZE]());
+  _pRAM.reset(new U8[SIM_RAM_SIZE]());
+  uc_mem_map_ptr(_pUc, SIM_FLASH_ADDR, SIM_FLASH_SIZE, UC_PROT_READ | UC_PROT_EXEC, _pFlash.get());
+  uc_mem_map_ptr(_pUc, SIM_RAM_ADDR, SIM_RAM_SIZE, UC_PROT_ALL, _pRAM.get());
   uc_mmio_map(_pUc, SIM_PPB_BASE, SIM_PPB_SIZE, SIM_HOOKS::OnPPBRead, this, SIM_HOOKS::OnPPBWrite, this);
   uc_hook h;
   uc_hook_add(_pUc, &h, UC_HOOK_BLOCK, reinterpret_cast<void*>(SIM_HOOKS::OnBlock), this, 1, 0);
@@ -317,8 +335,8 @@ void CSimTarget::_UpdateNextEvent() {
 }
 
 void CSimTarget::_UpdateNextCheck() {
-  bool Now =
-      _StopReason != STOP_NONE || _CheckPending || _ResetRequested || _HaltPending || _WatchHit || _OneBlock;
+  bool Now = _StopReason != STOP_NONE || _CheckPending || _ResetRequested || _HaltPending || _WatchHit ||
+             _OneBlock || _CodeHookUpdatePending;
   _NextCheck = Now ? 0 : _NextEventCycle;
 }
 
@@ -344,6 +362,8 @@ bool CSimTarget::_OnBlockSlow(const BLOCK_ENTRY& Block) {
   } else if (_HaltPending) {
     _HaltPending = false;
     _StopEmulation(STOP_HALT_REQUEST);
+  } else if (_CodeHookUpdatePending) {
+    _StopEmulation(STOP_RETRANSLATE);
   } else if (!_OneBlock && _Cycles >= _SliceEnd) {
     _StopEmulation(STOP_SLICE);
   } else {
@@ -354,7 +374,9 @@ bool CSimTarget::_OnBlockSlow(const BLOCK_ENTRY& Block) {
       _StopEmulation(STOP_EXCEPTION);
     } else if (_OneBlock && ++_BlocksRun > 1) {
       _StopEmulation(STOP_BLOCK_DONE);
-    } else if (!_OneBlock && (Block.Flags & BLOCK_IT_ACCESS) && !_aWatches.empty()) {
+    } else if ((!_OneBlock && (Block.Flags & _SlowBlockFlags)) ||
+               (_OneBlockChecked && (Block.Flags & _SlowBlockFlags & ~BLOCK_IT_ACCESS))) {
+      // Data breakpoints inside an IT block, or instructions to check before they run.
       _StepThroughLo = Block.Addr;
       _StepThroughHi = Block.Addr + Block.Size;
       _StopEmulation(STOP_STEP_THROUGH);
@@ -396,6 +418,7 @@ void CSimTarget::_FillBlock(BLOCK_ENTRY& Block, U32 Addr, U32 Size) {
   for (U32 Off = 0; Off < n; NumInsts++) {
     U16 H0 = Half(Off), H1 = Half(Off + 2);
     SIM_INST_CHECK Check = SIM_CheckInstruction(_Isa, H0, H1);
+    Flags |= U8(SIM_RuntimeChecksOf(H0, H1) << BLOCK_CHECKS_SHIFT);
     if (Check != SIM_INST_OK && !_aFaultExits.count(Addr + Off)) {
       // The emulator would run it as a later core does. An exit there ends the block before it, so
       // the instructions before it run and the fault comes exactly at it.
@@ -408,10 +431,15 @@ void CSimTarget::_FillBlock(BLOCK_ENTRY& Block, U32 Addr, U32 Size) {
       // can't stop there, so with data breakpoints set such blocks run one instruction at a time.
       U32 Num = (IT & 1) ? 4 : ((IT & 2) ? 3 : ((IT & 4) ? 2 : 1));
       U32 At = Off + 2;
-      for (U32 k = 0; k + 1 < Num && At + 4 <= n + 16; k++) {
+      // Likewise an access or divide that the code hook checks: the hook can't stop before it.
+      for (U32 k = 0; k < Num && At + 4 <= n + 16; k++) {
         U16 I0 = Half(At), I1 = Half(At + 2);
-        if (SIM_MayAccessMemory(I0, I1)) {
+        if (k + 1 < Num && SIM_MayAccessMemory(I0, I1)) {
           Flags |= BLOCK_IT_ACCESS;
+        }
+        if (SIM_RuntimeChecksOf(I0, I1) &
+            (SIM_CHECK_SINGLE_ACCESS | SIM_CHECK_DIVIDE | SIM_CHECK_MULTI_ACCESS)) {
+          Flags |= BLOCK_IT_HOOK_CHECK;
         }
         At += SIM_InstSize(I0);
       }
@@ -481,9 +509,15 @@ int CSimTarget::_Emulate(U32 PC) {
   _BlocksRun = 0;
   _UpdateNextCheck();
   _InEmulation = true;
-  uc_err Err = uc_emu_start(_pUc, PC | 1, 0, 0, 0);
+  // Bit 0 of the start address is the emulator's Thumb state: a branch to an even address leaves
+  // EPSR.T clear, and the next instruction must fault (INVSTATE) even when it starts a new run.
+  uc_err Err = uc_emu_start(_pUc, PC | ((_Reg(UC_ARM_REG_XPSR) >> 24) & 1), 0, 0, 0);
   _InEmulation = false;
   _UncountRestOfBlock(_Reg(UC_ARM_REG_PC));
+  if (_CodeHookUpdatePending) {
+    _CodeHookUpdatePending = false;
+    _UpdateCodeHook();
+  }
   if (!_aNewFaultExits.empty()) {
     _ApplyExits(kNoAddr, kNoAddr);
     for (U32 Addr : _aNewFaultExits) {
@@ -540,7 +574,7 @@ bool CSimTarget::_TakeFaultExit(U32 PC, SIM_INST_CHECK Check) {
   } else {
     snprintf(ac, sizeof(ac), "instruction 0x%04X is undefined on %s", aInst[0], asArch[_Isa]);
   }
-  return _RaiseUsageFault(PC, Check == SIM_INST_NO_COPROCESSOR ? CFSR_NOCP : CFSR_UNDEFINSTR, ac);
+  return _RaiseUsageFault(PC, Check == SIM_INST_NO_COPROCESSOR ? SIM_CFSR_NOCP : SIM_CFSR_UNDEFINSTR, ac);
 }
 
 CSimTarget::STOP_RESULT CSimTarget::_AfterStop(int ErrCode) {
@@ -549,11 +583,21 @@ CSimTarget::STOP_RESULT CSimTarget::_AfterStop(int ErrCode) {
   if (Err != UC_ERR_OK) {
     char ac[160];
     snprintf(ac, sizeof(ac), "%s at address 0x%08X", uc_strerror(Err), _FaultAddr);
-    bool Precise = Err == UC_ERR_READ_UNMAPPED || Err == UC_ERR_WRITE_UNMAPPED || Err == UC_ERR_WRITE_PROT;
-    if (Precise || Err == UC_ERR_FETCH_UNMAPPED || Err == UC_ERR_FETCH_PROT) {
-      _pSystem->RecordBusFault(_FaultAddr, Precise);
+    bool Ok;
+    if (Err == UC_ERR_READ_UNMAPPED || Err == UC_ERR_WRITE_UNMAPPED || Err == UC_ERR_WRITE_PROT ||
+        Err == UC_ERR_READ_PROT) {
+      Ok = _RaiseBusFault(PC, SIM_CFSR_PRECISERR, true, _FaultAddr, ac);
+    } else if (Err == UC_ERR_FETCH_UNMAPPED || Err == UC_ERR_FETCH_PROT) {
+      snprintf(ac, sizeof(ac), "%s at address 0x%08X", uc_strerror(Err), PC);
+      Ok = _RaiseFetchFault(PC, ac);
+    } else if (Err == UC_ERR_INSN_INVALID && !(_Reg(UC_ARM_REG_XPSR) & (1u << 24))) {
+      Ok = _RaiseUsageFault(PC, SIM_CFSR_INVSTATE, "execution in ARM state (EPSR.T clear)");
+    } else if (Err == UC_ERR_INSN_INVALID) {
+      Ok = _RaiseUsageFault(PC, SIM_CFSR_UNDEFINSTR, "undefined instruction");
+    } else {
+      Ok = _RaiseHardFault(PC, ac);
     }
-    return _RaiseHardFault(PC, ac) ? SR_EVENT : SR_HALTED;
+    return Ok ? SR_EVENT : SR_HALTED;
   }
   switch (_StopReason) {
     case STOP_NONE:  // an exit: a breakpoint, an instruction the core lacks, or the end of a step
@@ -564,6 +608,11 @@ CSimTarget::STOP_RESULT CSimTarget::_AfterStop(int ErrCode) {
       return SR_SLICE;
     case STOP_RETRANSLATE:
       return SR_AGAIN;
+    case STOP_INSTRUCTION_FAULT: {
+      U32 Bits = _InstructionFaultBits;
+      const char* sWhy = Bits == SIM_CFSR_DIVBYZERO ? "division by zero" : "unaligned access";
+      return _RaiseUsageFault(_InstructionFaultPC, Bits, sWhy) ? SR_EVENT : SR_HALTED;
+    }
     case STOP_STEP_THROUGH:
       return SR_STEP_THROUGH;
     case STOP_WATCH:
@@ -583,6 +632,11 @@ CSimTarget::STOP_RESULT CSimTarget::_AfterStop(int ErrCode) {
   }
   switch (_InterruptNo) {
     case UC_INTR_BKPT:
+      if (_CheckPending && _CanTakePending()) {
+        // Pended earlier in the same block (a store to the NVIC, say): on the core it is taken long
+        // before the BKPT is reached.
+        return _EnterException(_pSystem->GetHighestPending(), PC) ? SR_EVENT : SR_HALTED;
+      }
       _SetHalted(PROBE_HALT_BKPT_INST);
       return SR_HALTED;
     case UC_INTR_SWI:
@@ -595,9 +649,18 @@ CSimTarget::STOP_RESULT CSimTarget::_AfterStop(int ErrCode) {
     case UC_INTR_EXCEPTION_EXIT:
       return _ReturnFromException(PC | 1) ? SR_EVENT : SR_HALTED;
     case UC_INTR_UDEF:
-      return _RaiseUsageFault(PC, CFSR_UNDEFINSTR, "undefined instruction") ? SR_EVENT : SR_HALTED;
+      return _RaiseUsageFault(PC, SIM_CFSR_UNDEFINSTR, "undefined instruction") ? SR_EVENT : SR_HALTED;
     case UC_INTR_NOCP:
-      return _RaiseUsageFault(PC, CFSR_NOCP, "no coprocessor") ? SR_EVENT : SR_HALTED;
+      return _RaiseUsageFault(PC, SIM_CFSR_NOCP, "coprocessor instruction") ? SR_EVENT : SR_HALTED;
+    case UC_INTR_INVSTATE:
+      return _RaiseUsageFault(PC, SIM_CFSR_INVSTATE, "execution in ARM state (EPSR.T clear)") ? SR_EVENT
+                                                                                              : SR_HALTED;
+    case UC_INTR_PREFETCH_ABORT:
+      return _RaiseFetchFault(PC, "instruction fetch from the system region") ? SR_EVENT : SR_HALTED;
+    case UC_INTR_DATA_ABORT:
+    case UC_INTR_UNALIGNED:
+      // The emulator's own alignment checks (exclusive accesses) end up here.
+      return _RaiseUsageFault(PC, SIM_CFSR_UNALIGNED, "unaligned access") ? SR_EVENT : SR_HALTED;
     default: {
       char ac[80];
       snprintf(ac, sizeof(ac), "exception %u", _InterruptNo);
@@ -613,13 +676,35 @@ CSimTarget::STEP_RESULT CSimTarget::_StepOnce() {
     if (Fault != _aFaultExits.end()) {
       return _TakeFaultExit(PC, Fault->second) ? STEP_DONE : STEP_HALTED;
     }
+    bool Faulted = false;
+    if (!_CheckBeforeStep(PC, &Faulted)) {
+      return STEP_HALTED;
+    }
+    if (Faulted) {
+      return STEP_DONE;
+    }
     U16 H0 = 0;
     uc_mem_read(_pUc, PC, &H0, 2);
-    STOP_RESULT r = _AfterStop(_EmulateOneBlock(PC, PC + SIM_InstSize(H0)));
+    U64 CyclesBefore = _Cycles;
+    int Err = _EmulateOneBlock(PC, PC + SIM_InstSize(H0));
+    bool FetchFailed =
+        Err == UC_ERR_FETCH_UNMAPPED || Err == UC_ERR_FETCH_PROT ||
+        (Err == UC_ERR_OK && _StopReason == STOP_INTERRUPT && _InterruptNo == UC_INTR_PREFETCH_ABORT);
+    if (FetchFailed && _Reg(UC_ARM_REG_PC) != PC) {
+      // A branch to where nothing can be fetched: the branch is this step, the fault the next one's.
+      return STEP_DONE;
+    }
+    if (_FPCAStaysClear) {
+      _FPCAStaysClear = false;
+      _SetReg(UC_ARM_REG_CONTROL, _Reg(UC_ARM_REG_CONTROL) & ~12u);
+    }
+    STOP_RESULT r = _AfterStop(Err);
     if (r == SR_HALTED) {
       return STEP_HALTED;
     }
-    if (r != SR_AGAIN) {
+    // Run again only when nothing ran: new exits can also turn up in the block a branch goes to, after
+    // the branch itself.
+    if (r != SR_AGAIN || _Cycles != CyclesBefore || _Reg(UC_ARM_REG_PC) != PC) {
       return STEP_DONE;  // one instruction ran, or an exception was entered or left
     }
   }
@@ -685,13 +770,19 @@ CSimTarget::RUN_RESULT CSimTarget::_Run(U64 MaxInsts, bool Step) {
         _SetHalted(PROBE_HALT_BREAKPOINT);
         return RUN_HALTED;
       }
+      _OneBlockChecked = true;
       Err = _EmulateOneBlock(PC, kNoAddr);
+      _OneBlockChecked = false;
       if (_BlocksRun > 0) {
         _PassPC = kNoAddr;
       }
     } else {
       _PassPC = kNoAddr;
       Err = _Emulate(PC);
+    }
+    if (_FPCAStaysClear) {
+      _FPCAStaysClear = false;
+      _SetReg(UC_ARM_REG_CONTROL, _Reg(UC_ARM_REG_CONTROL) & ~12u);
     }
     STOP_RESULT r = _AfterStop(Err);
     if (r == SR_HALTED) {
@@ -720,12 +811,7 @@ CSimTarget::RUN_RESULT CSimTarget::_Run(U64 MaxInsts, bool Step) {
 
 // ---- Exceptions ----
 
-bool CSimTarget::_CanTakePending() {
-  U32 Exc = _pSystem->GetHighestPending();
-  if (Exc == 0) {
-    _CheckPending = false;
-    return false;
-  }
+int CSimTarget::_ExecutionPriority() {
   int Exec = _pSystem->GetActivePriority();
   if (_Reg(UC_ARM_REG_PRIMASK) & 1) {
     Exec = std::min(Exec, 0);
@@ -739,12 +825,39 @@ bool CSimTarget::_CanTakePending() {
       Exec = std::min(Exec, -1);
     }
   }
+  return Exec;
+}
+
+bool CSimTarget::_CanTakePending() {
+  U32 Exc = _pSystem->GetHighestPending();
+  if (Exc == 0) {
+    _CheckPending = false;
+    return false;
+  }
   // Stays set while an exception waits, so the hook re-checks after PRIMASK or BASEPRI change.
-  return _pSystem->GetPriority(Exc) < Exec;
+  return _pSystem->GetPriority(Exc) < _ExecutionPriority();
 }
 
 U32 CSimTarget::GetActiveException() {
   return _Reg(UC_ARM_REG_XPSR) & 0x1FF;
+}
+
+U32 CSimTarget::_ControlMask() const {
+  // nPRIV and SPSEL, and FPCA where there is an FPU; the Cortex-M0 has no unprivileged mode.
+  return _Core == PROBE_CORE_CORTEX_M0 ? 2u : (_HasFPU ? 7u : 3u);
+}
+
+void CSimTarget::_SaveLazyFP() {
+  // The first floating-point instruction since the entry is about to run: the registers still hold
+  // the preempted context's values.
+  U32 aState[18] = {};
+  for (U32 i = 0; i < 16; i++) {
+    aState[i] = _Reg(UC_ARM_REG_S0 + int(i));
+  }
+  aState[16] = _Reg(UC_ARM_REG_FPSCR);
+  uc_mem_write(_pUc, _pSystem->GetFPCAR(), aState, sizeof(aState));
+  _pSystem->SetFPCCR(_pSystem->GetFPCCR() & ~SIM_FPCCR_LSPACT);
+  _UpdateInstructionChecks();
 }
 
 bool CSimTarget::_EnterException(U32 Exception, U32 ReturnAddr) {
@@ -753,14 +866,27 @@ bool CSimTarget::_EnterException(U32 Exception, U32 ReturnAddr) {
   U32 MSP = _Reg(UC_ARM_REG_MSP), PSP = _Reg(UC_ARM_REG_PSP);
   bool Handler = (XPSR & 0x1FF) != 0;
   bool OnPSP = !Handler && (Control & 2);
+  // With an active floating-point context the frame is the extended one: S0..S15, FPSCR and a
+  // reserved word follow the basic eight words.
+  bool FPFrame = _HasFPU && (Control & 4);
+  U32 FrameSize = FPFrame ? 0x68 : 0x20;
   U32 SP = OnPSP ? PSP : MSP;
   U32 Align = SP & 4;
-  SP = (SP - Align) - 32;
-  U32 aFrame[8] = {_Reg(UC_ARM_REG_R0), _Reg(UC_ARM_REG_R1),           _Reg(UC_ARM_REG_R2),
-                   _Reg(UC_ARM_REG_R3), _Reg(UC_ARM_REG_R12),          _Reg(UC_ARM_REG_LR),
-                   ReturnAddr & ~1u,    XPSR | (Align ? (1u << 9) : 0)};
+  SP = (SP - FrameSize) & ~7u;
+  U32 aFrame[26] = {_Reg(UC_ARM_REG_R0), _Reg(UC_ARM_REG_R1),           _Reg(UC_ARM_REG_R2),
+                    _Reg(UC_ARM_REG_R3), _Reg(UC_ARM_REG_R12),          _Reg(UC_ARM_REG_LR),
+                    ReturnAddr & ~1u,    XPSR | (Align ? (1u << 9) : 0)};
+  U32 FPCCR = _pSystem->GetFPCCR();
+  bool Lazy = FPFrame && (FPCCR & SIM_FPCCR_LSPEN);
+  if (FPFrame) {
+    for (U32 i = 0; i < 16; i++) {
+      aFrame[8 + i] = _Reg(UC_ARM_REG_S0 + int(i));
+    }
+    aFrame[24] = _Reg(UC_ARM_REG_FPSCR);
+  }
   U32 Handler_ = 0;
-  if (uc_mem_write(_pUc, SP, aFrame, sizeof(aFrame)) != UC_ERR_OK) {
+  // A lazy frame only reserves the space of the floating-point state.
+  if (uc_mem_write(_pUc, SP, aFrame, Lazy ? 32 : FrameSize) != UC_ERR_OK) {
     PROBE_PostWarning("Exception %u: stack frame at 0x%08X can't be written; target halted", Exception, SP);
     _SetHalted(PROBE_HALT_FAULT);
     return false;
@@ -771,10 +897,40 @@ bool CSimTarget::_EnterException(U32 Exception, U32 ReturnAddr) {
     _SetHalted(PROBE_HALT_FAULT);
     return false;
   }
+  if (FPFrame && !Lazy) {
+    // Saved at once, the caller-saved FP registers start the handler cleared, as QEMU 7.2 has it.
+    for (U32 i = 0; i < 16; i++) {
+      _SetReg(UC_ARM_REG_S0 + int(i), 0);
+    }
+    _SetReg(UC_ARM_REG_FPSCR, 0);
+  }
+  if (Lazy) {
+    // What the handler may later need in order to save the state: where, and which faults could be
+    // taken if saving it failed, from the priority of the context that was preempted.
+    int Exec = _ExecutionPriority();
+    U32 SHCSR = _pSystem->GetSHCSR();
+    FPCCR &= ~(SIM_FPCCR_USER | SIM_FPCCR_THREAD | SIM_FPCCR_HFRDY | SIM_FPCCR_MMRDY | SIM_FPCCR_BFRDY);
+    FPCCR |= SIM_FPCCR_LSPACT;
+    auto Bit = [](bool On, U32 Mask) { return On ? Mask : 0u; };
+    FPCCR |= Bit(!Handler && (Control & 1), SIM_FPCCR_USER);
+    FPCCR |= Bit(!Handler, SIM_FPCCR_THREAD);
+    FPCCR |= Bit(Exec > -1, SIM_FPCCR_HFRDY);
+    FPCCR |= Bit((SHCSR & SIM_SHCSR_MEMFAULTENA) && Exec > _pSystem->GetPriority(SIM_EXC_MEMMANAGE),
+                 SIM_FPCCR_MMRDY);
+    FPCCR |= Bit((SHCSR & SIM_SHCSR_BUSFAULTENA) && Exec > _pSystem->GetPriority(SIM_EXC_BUSFAULT),
+                 SIM_FPCCR_BFRDY);
+    _pSystem->SetFPCCR(FPCCR);
+    _pSystem->SetFPCAR(SP + 0x20);
+    _UpdateInstructionChecks();
+  }
   (OnPSP ? PSP : MSP) = SP;
   U32 ExcReturn = Handler ? 0xFFFFFFF1u : (OnPSP ? 0xFFFFFFFDu : 0xFFFFFFF9u);
-  // Mode first, then both stack pointers: the emulator files SP by the mode in force.
-  _SetReg(UC_ARM_REG_CONTROL, Control & ~2u);
+  if (FPFrame) {
+    ExcReturn &= ~0x10u;
+  }
+  // Mode first, then both stack pointers: the emulator files SP by the mode in force. The handler
+  // starts on the main stack without a floating-point context.
+  _SetReg(UC_ARM_REG_CONTROL, Control & 1u);
   _SetReg(UC_ARM_REG_XPSR, (XPSR & 0xF0000000u) | (1u << 24) | Exception);
   _SetReg(UC_ARM_REG_MSP, MSP);
   _SetReg(UC_ARM_REG_PSP, PSP);
@@ -788,20 +944,36 @@ bool CSimTarget::_EnterException(U32 Exception, U32 ReturnAddr) {
 bool CSimTarget::_ReturnFromException(U32 ExcReturn) {
   U32 XPSR = _Reg(UC_ARM_REG_XPSR);
   U32 Exception = XPSR & 0x1FF;
-  if (Exception == 0 || (ExcReturn & 0xF) == 0 ||
-      ((ExcReturn & 0xF) != 1 && (ExcReturn & 0xF) != 9 && (ExcReturn & 0xF) != 0xD)) {
-    return _RaiseHardFault(_Reg(UC_ARM_REG_LR), "invalid exception return");
+  U32 Low = ExcReturn & 0x1F;
+  bool FPFrame = !(ExcReturn & 0x10);
+  if (Exception == 0 || (Low & 0xF) == 0 || ((Low & 0xF) != 1 && (Low & 0xF) != 9 && (Low & 0xF) != 0xD) ||
+      (FPFrame && !_HasFPU)) {
+    return _RaiseUsageFault(ExcReturn, SIM_CFSR_INVPC, "invalid exception return");
   }
   _pSystem->SetActive(Exception, false);
   bool ToThread = (ExcReturn & 8) != 0;
   bool ToPSP = (ExcReturn & 4) != 0;
   U32 MSP = _Reg(UC_ARM_REG_MSP), PSP = _Reg(UC_ARM_REG_PSP);
   U32 SP = ToPSP ? PSP : MSP;
-  U32 aFrame[8];
-  if (uc_mem_read(_pUc, SP, aFrame, sizeof(aFrame)) != UC_ERR_OK) {
-    return _RaiseHardFault(0xFFFFFFFFu, "exception return frame can't be read");
+  U32 aFrame[26];
+  U32 FPCCR = _pSystem->GetFPCCR();
+  // A lazy frame whose state was never saved holds nothing: the registers still have the values.
+  bool ReadFP = FPFrame && !(FPCCR & SIM_FPCCR_LSPACT);
+  if (uc_mem_read(_pUc, SP, aFrame, ReadFP ? 0x68 : 0x20) != UC_ERR_OK) {
+    return _RaiseBusFault(ExcReturn, SIM_CFSR_UNSTKERR, false, 0, "exception return frame can't be read");
   }
-  SP += 32 + ((aFrame[7] & (1u << 9)) ? 4 : 0);
+  if (FPFrame) {
+    if (ReadFP) {
+      for (U32 i = 0; i < 16; i++) {
+        _SetReg(UC_ARM_REG_S0 + int(i), aFrame[8 + i]);
+      }
+      _SetReg(UC_ARM_REG_FPSCR, aFrame[24]);
+    } else {
+      _pSystem->SetFPCCR(FPCCR & ~SIM_FPCCR_LSPACT);
+      _UpdateInstructionChecks();
+    }
+  }
+  SP += (FPFrame ? 0x68 : 0x20) + ((aFrame[7] & (1u << 9)) ? 4 : 0);
   (ToPSP ? PSP : MSP) = SP;
   U32 NewXPSR = aFrame[7] & ~(1u << 9);
   if (!ToThread && (NewXPSR & 0x1FF) == 0) {
@@ -810,9 +982,12 @@ bool CSimTarget::_ReturnFromException(U32 ExcReturn) {
   if (ToThread) {
     NewXPSR &= ~0x1FFu;
   }
+  bool ThumbState = (aFrame[7] & (1u << 24)) != 0;
   _SetReg(UC_ARM_REG_XPSR, NewXPSR | (1u << 24));
-  U32 Control = _Reg(UC_ARM_REG_CONTROL);
-  _SetReg(UC_ARM_REG_CONTROL, ToThread && ToPSP ? (Control | 2u) : (Control & ~2u));
+  U32 Control = _Reg(UC_ARM_REG_CONTROL) & 1u;
+  Control |= ToThread && ToPSP ? 2u : 0u;
+  Control |= FPFrame ? 4u : 0u;
+  _SetReg(UC_ARM_REG_CONTROL, Control);
   _SetReg(UC_ARM_REG_MSP, MSP);
   _SetReg(UC_ARM_REG_PSP, PSP);
   _SetReg(UC_ARM_REG_R0, aFrame[0]);
@@ -824,6 +999,12 @@ bool CSimTarget::_ReturnFromException(U32 ExcReturn) {
   _SetReg(UC_ARM_REG_PC, aFrame[6] & ~1u);
   _ClearITPending();
   _CheckPending = _pSystem->AnyPending();
+  if (!ThumbState) {
+    // The core only runs Thumb code: the first instruction after the return faults, with EPSR.T
+    // clear in the fault's own frame.
+    _SetReg(UC_ARM_REG_XPSR, _Reg(UC_ARM_REG_XPSR) & ~(1u << 24));
+    return _RaiseUsageFault(aFrame[6] & ~1u, SIM_CFSR_INVSTATE, "exception return to ARM state");
+  }
   return true;
 }
 
@@ -847,11 +1028,248 @@ bool CSimTarget::_RaiseHardFault(U32 PC, const char* sWhy) {
 }
 
 bool CSimTarget::_RaiseUsageFault(U32 PC, U32 CfsrBits, const char* sWhy) {
-  // ARMv6-M has no fault status registers and no UsageFault: its faults are HardFaults.
-  if (_Core != PROBE_CORE_CORTEX_M0) {
-    _pSystem->RecordUsageFault(CfsrBits);
+  _pSystem->RecordFaultStatus(CfsrBits);
+  return _TakeConfigurableFault(SIM_EXC_USAGEFAULT, SIM_SHCSR_USGFAULTENA, PC, sWhy);
+}
+
+bool CSimTarget::_RaiseBusFault(U32 PC, U32 CfsrBits, bool HasAddr, U32 Addr, const char* sWhy) {
+  _pSystem->RecordFaultStatus(CfsrBits);
+  if (HasAddr) {
+    _pSystem->RecordBusFaultAddress(Addr);
+  }
+  return _TakeConfigurableFault(SIM_EXC_BUSFAULT, SIM_SHCSR_BUSFAULTENA, PC, sWhy);
+}
+
+bool CSimTarget::_RaiseMemManage(U32 PC, U32 CfsrBits, const char* sWhy) {
+  _pSystem->RecordFaultStatus(CfsrBits);
+  return _TakeConfigurableFault(SIM_EXC_MEMMANAGE, SIM_SHCSR_MEMFAULTENA, PC, sWhy);
+}
+
+bool CSimTarget::_RaiseFetchFault(U32 PC, const char* sWhy) {
+  // The regions from 0xA0000000 up never execute (device and system space): a fetch there is a
+  // MemManage fault. Elsewhere nothing answers the fetch, which is a BusFault; neither has an address
+  // register, the stacked return address is the address fetched.
+  return PC >= 0xA0000000u ? _RaiseMemManage(PC, SIM_CFSR_IACCVIOL, sWhy)
+                           : _RaiseBusFault(PC, SIM_CFSR_IBUSERR, false, 0, sWhy);
+}
+
+bool CSimTarget::_TakeConfigurableFault(U32 Exception, U32 EnableBit, U32 PC, const char* sWhy) {
+  // A synchronous fault that is disabled, or can't preempt what runs, escalates to HardFault.
+  if (!_pSystem->IsV6M() && (_pSystem->GetSHCSR() & EnableBit) &&
+      _pSystem->GetPriority(Exception) < _ExecutionPriority()) {
+    return _EnterException(Exception, PC);
   }
   return _RaiseHardFault(PC, sWhy);
+}
+
+// ---- Instruction checks ----
+
+void CSimTarget::_UpdateInstructionChecks() {
+  U32 CCR = _pSystem->GetCCR();
+  _CheckDivide = (CCR & SIM_CCR_DIV_0_TRP) != 0;
+  _CheckUnaligned = (CCR & SIM_CCR_UNALIGN_TRP) != 0;
+  // The emulator runs floating-point instructions regardless of CPACR, has no lazy state save, and
+  // sets CONTROL.FPCA whatever FPCCR.ASPEN says. (On the cores without an FPU they are instructions
+  // the core lacks, found with the others.)
+  U32 FPCCR = _pSystem->GetFPCCR();
+  _CheckFP = _HasFPU && (((_pSystem->GetCPACR() >> 20) & 3) != 3 || (FPCCR & SIM_FPCCR_LSPACT) ||
+                         !(FPCCR & SIM_FPCCR_ASPEN));
+  _UpdateSlowBlockFlags();
+  if (_InEmulation) {
+    // Written by the program: the hooks change once the emulator has returned, which the next block
+    // asks for. (A stop asked for from a peripheral access would run the access again.)
+    _CodeHookUpdatePending = true;
+    _NextCheck = 0;
+  } else {
+    _UpdateCodeHook();
+  }
+}
+
+void CSimTarget::_UpdateSlowBlockFlags() {
+  // Multi-word accesses need word alignment whatever the state; the emulator's MRS of CONTROL shows a
+  // bit the M4 doesn't have, which goes before the program reads it.
+  // Loads, stores and divides under their traps are checked by the code hook instead, which costs far
+  // less than running their blocks one instruction at a time (on ARMv6-M the alignment trap is always
+  // on); only inside an IT block, where the hook can't stop, they go one at a time.
+  // While the code hook is there anyway, it checks the multi-word accesses as well.
+  bool Hook = _IsCodeHookWanted();
+  U8 Flags = Hook ? BLOCK_IT_HOOK_CHECK : BLOCK_MULTI_ACCESS;
+  Flags |= _aWatches.empty() ? 0 : BLOCK_IT_ACCESS;
+  Flags |= _CheckFP ? BLOCK_FP : 0;
+  Flags |= _HasFPU ? BLOCK_READS_CONTROL : 0;
+  _SlowBlockFlags = Flags;
+  // Which encodings the code hook looks at closer, by the high byte of their first halfword: loads and
+  // stores of halfwords and words (and bytes, which the closer look lets pass), the divides, LDM, STM,
+  // LDRD and STRD (and the rest of their encoding space, which it lets pass too).
+  std::fill(std::begin(_aHookCheckByHighByte), std::end(_aHookCheckByHighByte), false);
+  auto Mark = [this](U32 Lo, U32 Hi) {
+    for (U32 b = Lo; b <= Hi; b++) {
+      _aHookCheckByHighByte[b] = true;
+    }
+  };
+  if (_CheckUnaligned) {
+    Mark(0x50, 0x6F);
+    Mark(0x80, 0x8F);
+    Mark(0xF8, 0xF9);
+  }
+  if (_CheckDivide) {
+    Mark(0xFB, 0xFB);
+  }
+  if (Hook) {
+    Mark(0xC0, 0xCF);
+    Mark(0xE8, 0xE9);
+  }
+}
+
+bool CSimTarget::_IsCodeHookWanted() const {
+  return _TraceOn || !_aWatches.empty() || _CheckUnaligned || _CheckDivide;
+}
+
+bool CSimTarget::_CheckBeforeStep(U32 PC, bool* pFaulted) {
+  *pFaulted = false;
+  U32 XPSR = _Reg(UC_ARM_REG_XPSR);
+  U32 IT = SIM_ITStateFromXPSR(XPSR);
+  if (IT != 0 && !SIM_ConditionPassed(IT >> 4, XPSR)) {
+    return true;  // an IT block's instruction whose condition fails does nothing, and can't fault
+  }
+  U32 Bits = _InstructionFault(PC);
+  if (Bits == 0) {
+    return true;
+  }
+  *pFaulted = true;
+  const char* sWhy = Bits == SIM_CFSR_NOCP        ? "floating-point instruction without access"
+                     : Bits == SIM_CFSR_DIVBYZERO ? "division by zero"
+                                                  : "unaligned access";
+  return _RaiseUsageFault(PC, Bits, sWhy);
+}
+
+bool CSimTarget::_FPAccessAllowed() {
+  if (!_HasFPU) {
+    return false;
+  }
+  U32 CP10 = (_pSystem->GetCPACR() >> 20) & 3;
+  if (CP10 == 3) {
+    return true;
+  }
+  bool Privileged = (_Reg(UC_ARM_REG_XPSR) & 0x1FF) != 0 || !(_Reg(UC_ARM_REG_CONTROL) & 1);
+  return CP10 == 1 && Privileged;
+}
+
+U32 CSimTarget::_InstructionFault(U32 PC) {
+  U8 p[4] = {};
+  if (uc_mem_read(_pUc, PC, p, 2) != UC_ERR_OK) {
+    return 0;  // the fetch itself faults
+  }
+  if (SIM_InstSize(U16(p[0] | p[1] << 8)) == 4 && uc_mem_read(_pUc, PC + 2, p + 2, 2) != UC_ERR_OK) {
+    return 0;
+  }
+  U32 H0 = U32(p[0]) | U32(p[1]) << 8;
+  auto Reg = [this, PC](U32 n) { return n == 15 ? PC + 4 : _Reg(_UcCoreReg(n)); };
+  U32 Fault = 0;
+  if ((H0 >> 11) < 0x1D) {
+    // 16-bit encodings.
+    switch (H0 >> 12) {
+      case 0xB:  // PUSH and POP: the stack pointer must be word aligned
+        if ((H0 & 0x0600) == 0x0400 && (Reg(13) & 3)) {
+          Fault = SIM_CFSR_UNALIGNED;
+        }
+        break;
+      case 0xC:  // LDMIA, STMIA
+        if (Reg((H0 >> 8) & 7) & 3) {
+          Fault = SIM_CFSR_UNALIGNED;
+        }
+        break;
+      case 0x5: {  // register offset: STR, STRH, STRB, LDRSB, LDR, LDRH, LDRB, LDRSH
+        static const U8 aSize[8] = {4, 2, 1, 1, 4, 2, 1, 2};
+        U32 Size = aSize[(H0 >> 9) & 7];
+        if (_CheckUnaligned && Size > 1 && ((Reg((H0 >> 3) & 7) + Reg((H0 >> 6) & 7)) & (Size - 1))) {
+          Fault = SIM_CFSR_UNALIGNED;
+        }
+        break;
+      }
+      case 0x6:  // STR, LDR with a word-scaled offset
+      case 0x9:  // the same relative to SP
+        if (_CheckUnaligned && (Reg((H0 >> 12) == 9 ? 13 : (H0 >> 3) & 7) & 3)) {
+          Fault = SIM_CFSR_UNALIGNED;
+        }
+        break;
+      case 0x8:  // STRH, LDRH with a halfword-scaled offset
+        if (_CheckUnaligned && (Reg((H0 >> 3) & 7) & 1)) {
+          Fault = SIM_CFSR_UNALIGNED;
+        }
+        break;
+      default:
+        break;
+    }
+  } else {
+    U32 H1 = U32(p[2]) | U32(p[3]) << 8;
+    if ((H0 & 0xFE40) == 0xE800) {
+      // LDM, STM (increment after, decrement before)
+      U32 Op = (H0 >> 7) & 3;
+      if ((Op == 1 || Op == 2) && (Reg(H0 & 0xF) & 3)) {
+        Fault = SIM_CFSR_UNALIGNED;
+      }
+    } else if ((H0 & 0xFE40) == 0xE840 && ((H0 & 0x0120) != 0)) {
+      // LDRD, STRD (immediate, literal); P:W of zero are the exclusive and table branch forms.
+      U32 Base = (H0 & 0xF) == 15 ? (PC + 4) & ~3u : Reg(H0 & 0xF);
+      U32 Offset = (H1 & 0xFF) * 4;
+      U32 Addr = (H0 & 0x100) ? ((H0 & 0x80) ? Base + Offset : Base - Offset) : Base;
+      if (Addr & 3) {
+        Fault = SIM_CFSR_UNALIGNED;
+      }
+    } else if ((H0 & 0xFE00) == 0xF800 && _CheckUnaligned) {
+      // Single loads and stores.
+      U32 Size = 1u << ((H0 >> 5) & 3);
+      U32 Rn = H0 & 0xF, Rt = (H1 >> 12) & 0xF;
+      bool Load = (H0 & 0x10) != 0;
+      bool Hint = Load && Rt == 15 && Size < 4;  // PLD, PLI
+      U32 Addr = 0;
+      bool Known = true;
+      if (Rn == 15 && Load) {
+        U32 Base = (PC + 4) & ~3u;
+        Addr = (H0 & 0x80) ? Base + (H1 & 0xFFF) : Base - (H1 & 0xFFF);
+      } else if (H0 & 0x80) {
+        Addr = Reg(Rn) + (H1 & 0xFFF);
+      } else if ((H1 & 0x0FC0) == 0) {
+        Addr = Reg(Rn) + (Reg(H1 & 0xF) << ((H1 >> 4) & 3));
+      } else if (H1 & 0x0800) {
+        U32 Imm = H1 & 0xFF;
+        U32 Offset = (H1 & 0x200) ? Imm : U32(-I32(Imm));
+        Addr = (H1 & 0x400) ? Reg(Rn) + Offset : Reg(Rn);
+      } else {
+        Known = false;
+      }
+      if (Known && !Hint && Size > 1 && Size <= 4 && (Addr & (Size - 1))) {
+        Fault = SIM_CFSR_UNALIGNED;
+      }
+    } else if ((H0 & 0xFFD0) == 0xFB90 && (H1 & 0xF0F0) == 0xF0F0 && _CheckDivide) {
+      // SDIV, UDIV
+      if (Reg(H1 & 0xF) == 0) {
+        Fault = SIM_CFSR_DIVBYZERO;
+      }
+    } else if (H0 == 0xF3EF && (H1 & 0xF0FF) == 0x8014) {
+      // MRS Rd, CONTROL. The emulator sets a security-extension bit (SFPA, bit 3) along with FPCA, which
+      // the core has not: it goes before the program can read it.
+      U32 Control = _Reg(UC_ARM_REG_CONTROL);
+      if (Control & 8) {
+        _SetReg(UC_ARM_REG_CONTROL, Control & ~8u);
+      }
+    } else if ((H0 & 0xEC00) == 0xEC00 && ((H1 >> 9) & 7) == 5) {
+      // Coprocessor space with coprocessor 10 or 11: the floating-point instructions.
+      if (_CheckFP && !_FPAccessAllowed()) {
+        if (_Core != PROBE_CORE_CORTEX_M0) {
+          Fault = SIM_CFSR_NOCP;
+        }
+      } else if (_HasFPU) {
+        if (_pSystem->GetFPCCR() & SIM_FPCCR_LSPACT) {
+          _SaveLazyFP();
+        }
+        // Without ASPEN an FP instruction leaves CONTROL.FPCA as it is; the emulator sets it always.
+        _FPCAStaysClear = !(_pSystem->GetFPCCR() & SIM_FPCCR_ASPEN) && !(_Reg(UC_ARM_REG_CONTROL) & 4);
+      }
+    }
+  }
+  return Fault;
 }
 
 void CSimTarget::_CoreReset() {
@@ -872,11 +1290,18 @@ void CSimTarget::_CoreReset() {
     _SetReg(UC_ARM_REG_BASEPRI, 0);
     _SetReg(UC_ARM_REG_FAULTMASK, 0);
   }
+  if (_HasFPU) {
+    for (int r = 0; r < 32; r++) {
+      _SetReg(UC_ARM_REG_S0 + r, 0);
+    }
+    _SetReg(UC_ARM_REG_FPSCR, 0);
+  }
   _SetReg(UC_ARM_REG_PC, aVector[1] & ~1u);
   _ClearITPending();
   _CheckPending = false;
   _WatchHit = false;
   _HaltPending = false;
+  _UpdateInstructionChecks();
   _UpdateNextEvent();
 }
 
@@ -1014,7 +1439,13 @@ int CSimTarget::ReadReg(U32 Index, U32* pValue) {
   if (_Core == PROBE_CORE_CORTEX_M0 && (Index == PROBE_REG_BASEPRI || Index == PROBE_REG_FAULTMASK)) {
     return -1;
   }
+  if (Index >= PROBE_REG_S0 && !_HasFPU) {
+    return -1;
+  }
   *pValue = _Reg(kUcRegs[Index]);
+  if (Index == PROBE_REG_CONTROL) {
+    *pValue &= _ControlMask();
+  }
   return 0;
 }
 
@@ -1025,11 +1456,17 @@ int CSimTarget::WriteReg(U32 Index, U32 Value) {
   if (_Core == PROBE_CORE_CORTEX_M0 && (Index == PROBE_REG_BASEPRI || Index == PROBE_REG_FAULTMASK)) {
     return -1;
   }
+  if (Index >= PROBE_REG_S0 && !_HasFPU) {
+    return -1;
+  }
   if (Index == PROBE_REG_PC) {
     Value &= ~1u;
   }
   if (Index == PROBE_REG_XPSR) {
     _SetReg(UC_ARM_REG_APSR_NZCVQG, Value);  // the emulator's xPSR write leaves the GE flags out
+  }
+  if (Index == PROBE_REG_CONTROL) {
+    Value &= _ControlMask();
   }
   _SetReg(kUcRegs[Index], Value);
   if (Index == PROBE_REG_PRIMASK || Index == PROBE_REG_BASEPRI || Index == PROBE_REG_FAULTMASK ||
@@ -1179,7 +1616,8 @@ int CSimTarget::ClearBreakpoint(U32 Addr, bool Hardware) {
 
 void CSimTarget::_UpdateCodeHook() {
   // The per-instruction hook costs a fifth of the speed: only trace and data breakpoints need it.
-  bool Wanted = _TraceOn || !_aWatches.empty();
+  _UpdateSlowBlockFlags();
+  bool Wanted = _IsCodeHookWanted();
   if (Wanted && _hCodeHook == 0) {
     uc_hook h;
     if (uc_hook_add(_pUc, &h, UC_HOOK_CODE, reinterpret_cast<void*>(SIM_HOOKS::OnCode), this, 1, 0) ==
@@ -1196,7 +1634,7 @@ void CSimTarget::_UpdateCodeHook() {
 
 void CSimTarget::_UpdateMemHooks() {
   _UpdateCodeHook();
-  _SlowBlockFlags = _aWatches.empty() ? 0 : BLOCK_IT_ACCESS;
+  _UpdateSlowBlockFlags();
   // The memory hooks slow every access down, so they exist only while a data breakpoint does.
   if (!_aWatches.empty() && _hMemHook == 0) {
     uc_hook h;

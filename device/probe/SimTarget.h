@@ -83,9 +83,10 @@ class CSimTarget : public CProbeBackend, private ISimSystemHost {
     STOP_INTERRUPT,
     STOP_RESET_REQUEST,
     STOP_HALT_REQUEST,
-    STOP_BLOCK_DONE,    // a one-block run reached its second block
-    STOP_RETRANSLATE,   // new exits were found; run again from the same PC
-    STOP_STEP_THROUGH,  // a block to run one instruction at a time
+    STOP_BLOCK_DONE,         // a one-block run reached its second block
+    STOP_RETRANSLATE,        // new exits were found; run again from the same PC
+    STOP_STEP_THROUGH,       // a block to run one instruction at a time
+    STOP_INSTRUCTION_FAULT,  // the code hook found a fault before an instruction
   };
   enum STOP_RESULT { SR_HALTED, SR_SLICE, SR_AT_EXIT, SR_AGAIN, SR_EVENT, SR_STEP_THROUGH };
   enum STEP_RESULT { STEP_DONE, STEP_HALTED };
@@ -98,7 +99,18 @@ class CSimTarget : public CProbeBackend, private ISimSystemHost {
     U16 NumInsts;
     U8 Flags;
   };
-  enum : U8 { BLOCK_IT_ACCESS = 1 };  // an IT block with a memory access that isn't its last instruction
+  enum : U8 {
+    BLOCK_IT_ACCESS = 1,  // an IT block with a memory access that isn't its last instruction
+    // Instructions whose faults the simulator checks itself (the SIM_CHECK_ classes, shifted by one):
+    // the block runs one instruction at a time while the state makes their check necessary.
+    BLOCK_CHECKS_SHIFT = 1,
+    BLOCK_MULTI_ACCESS = SIM_CHECK_MULTI_ACCESS << BLOCK_CHECKS_SHIFT,
+    BLOCK_SINGLE_ACCESS = SIM_CHECK_SINGLE_ACCESS << BLOCK_CHECKS_SHIFT,
+    BLOCK_DIVIDE = SIM_CHECK_DIVIDE << BLOCK_CHECKS_SHIFT,
+    BLOCK_FP = SIM_CHECK_FP << BLOCK_CHECKS_SHIFT,
+    BLOCK_READS_CONTROL = SIM_CHECK_READ_CONTROL << BLOCK_CHECKS_SHIFT,
+    BLOCK_IT_HOOK_CHECK = 1u << 6,  // an IT block with an access or divide that the code hook checks
+  };
   static constexpr U32 kBlockCacheSize = 1u << 16;
   static constexpr U32 kMaxBlockBytes = 4096;
   static constexpr U32 kNoAddr = 0xFFFFFFFFu;
@@ -132,11 +144,45 @@ class CSimTarget : public CProbeBackend, private ISimSystemHost {
   void _OnCodeWritten(U32 Addr, U32 NumBytes);
   void _TakeHSSSample();
   bool _CanTakePending();
+  // The priority the core runs at: the most urgent active exception, lowered by PRIMASK, BASEPRI and
+  // FAULTMASK.
+  int _ExecutionPriority();
   // Exception entry and return; false when the target can't continue (halted with a log line).
   bool _EnterException(U32 Exception, U32 ReturnAddr);
   bool _ReturnFromException(U32 ExcReturn);
   bool _RaiseHardFault(U32 PC, const char* sWhy);
+  // A UsageFault with its CFSR bits, taken as UsageFault when SHCSR enables it and its priority lets it
+  // preempt, else escalated to HardFault (HFSR.FORCED). On ARMv6-M every fault is a HardFault.
   bool _RaiseUsageFault(U32 PC, U32 CfsrBits, const char* sWhy);
+  // The same for BusFault (HasAddr: BFAR holds Addr) and MemManage.
+  bool _RaiseBusFault(U32 PC, U32 CfsrBits, bool HasAddr, U32 Addr, const char* sWhy);
+  bool _RaiseMemManage(U32 PC, U32 CfsrBits, const char* sWhy);
+  bool _RaiseFetchFault(U32 PC, const char* sWhy);
+  bool _TakeConfigurableFault(U32 Exception, U32 EnableBit, U32 PC, const char* sWhy);
+  // Faults the emulator does not raise itself, decided before the instruction at PC executes: CFSR
+  // bits, 0 when it may run. It also does what must happen right before a floating-point instruction.
+  U32 _InstructionFault(U32 PC);
+  // The same check before one instruction is stepped, with the fault taken: false when halted.
+  bool _CheckBeforeStep(U32 PC, bool* pFaulted);
+  // The code hook's quick look: whether the instruction at PC may need the check.
+  bool _MayFaultInHook(U32 PC) const {
+    if (PC - SIM_FLASH_ADDR <= SIM_FLASH_SIZE - 4) {
+      return _aHookCheckByHighByte[_pFlash[PC - SIM_FLASH_ADDR + 1]];
+    }
+    if (PC - SIM_RAM_ADDR <= SIM_RAM_SIZE - 4) {
+      return _aHookCheckByHighByte[_pRAM[PC - SIM_RAM_ADDR + 1]];
+    }
+    return false;
+  }
+  // Works out which instruction classes need their check from CCR, CPACR and FPCCR.
+  void _UpdateInstructionChecks();
+  void _UpdateSlowBlockFlags();
+  bool _IsCodeHookWanted() const;
+  bool _FPAccessAllowed();
+  // Lazy floating-point state preservation: writes the preempted context's S0..S15 and FPSCR to the
+  // space reserved at FPCAR, before the first floating-point instruction since the entry runs.
+  void _SaveLazyFP();
+  U32 _ControlMask() const;
   void _CoreReset();
   void _SetHalted(PROBE_HALT_REASON Reason);
   void _SetRunning();
@@ -160,10 +206,12 @@ class CSimTarget : public CProbeBackend, private ISimSystemHost {
   void OnSystemResetRequest() override;
   void OnDebugHaltRequest(bool Halt) override;
   void OnStimulusWrite(U32 Port, U32 Value, U32 Size) override;
+  void OnFaultControlChanged() override { _UpdateInstructionChecks(); }
 
   U32 _Core;
   SIM_ISA _Isa;
   U32 _ClockHz;
+  bool _HasFPU;
   uc_struct* _pUc = nullptr;
   std::unique_ptr<CSimSystem> _pSystem;
   PROBE_STREAMS* _pStreams = nullptr;
@@ -189,6 +237,7 @@ class CSimTarget : public CProbeBackend, private ISimSystemHost {
   bool _InBlockHook = false;
   bool _StopAtCode = false;  // the next code hook stops the emulator
   bool _OneBlock = false;
+  bool _OneBlockChecked = false;             // a one-block run whose block gets the instruction checks
   int _BlocksRun = 0;                        // blocks begun in a one-block run
   const BLOCK_ENTRY* _pLastBlock = nullptr;  // the block counted last, for a stop inside it
   U32 _PassPC = kNoAddr;                     // a breakpoint that the next run steps over
@@ -203,6 +252,15 @@ class CSimTarget : public CProbeBackend, private ISimSystemHost {
   std::map<U32, SIM_INST_CHECK> _aFaultExits;  // instructions the core lacks, found so far
   std::vector<U32> _aNewFaultExits;
   std::vector<uint64_t> _aExits;
+  // Which instruction faults the emulator doesn't raise itself must be checked before an instruction
+  // runs, from CCR's traps, CPACR and a pending lazy floating-point save.
+  bool _CheckDivide = false, _CheckUnaligned = false, _CheckFP = false;
+  bool _FPCAStaysClear = false;  // the instruction being stepped must not set CONTROL.FPCA
+  bool _CodeHookUpdatePending = false;
+  bool _aHookCheckByHighByte[256] = {};  // encodings the code hook checks, by their first high byte
+  U32 _InstructionFaultBits = 0, _InstructionFaultPC = 0;
+  // Flash and RAM as the emulator sees them, for the code hook's look at an instruction.
+  std::unique_ptr<U8[]> _pFlash, _pRAM;
   std::vector<std::pair<U32, int>> _aBreakpoints;  // address, count of users
   std::vector<PROBE_WATCH> _aWatches;
   size_t _hMemHook = 0;   // 0 while no data breakpoint needs the memory hooks

@@ -9,9 +9,15 @@
 
 namespace {
 
+// Register numbers of the FPU registers in the target description.
+constexpr U32 kFirstDoubleRegNum = PROBE_REG_S0;
+constexpr U32 kFpscrRegNum = kFirstDoubleRegNum + 16;
+
 // r0..pc as 0..15, xPSR as 16, then the system registers: the layer's own order, so that the g packet
-// is the layer's registers 0..22.
-std::string _TargetDescription() {
+// is the layer's registers 0..22. A core with an FPU adds its registers as a debugger expects them:
+// d0..d15 (regnums 23..38, each the pair S2n, S2n+1) and fpscr (39), which in the g packet are the
+// layer's S0..S31 and FPSCR.
+std::string _TargetDescription(bool HasFPU) {
   std::string s =
       "<?xml version=\"1.0\"?>\n<!DOCTYPE target SYSTEM \"gdb-target.dtd\">\n<target>\n"
       "<architecture>arm</architecture>\n<feature name=\"org.gnu.gdb.arm.m-profile\">\n";
@@ -25,8 +31,17 @@ std::string _TargetDescription() {
       "<reg name=\"psp\" bitsize=\"32\" type=\"data_ptr\"/>\n</feature>\n"
       "<feature name=\"org.zevra.arm.m-special\">\n<reg name=\"primask\" bitsize=\"32\"/>\n"
       "<reg name=\"basepri\" bitsize=\"32\"/>\n<reg name=\"faultmask\" bitsize=\"32\"/>\n"
-      "<reg name=\"control\" bitsize=\"32\"/>\n</feature>\n</target>\n";
-  return s;
+      "<reg name=\"control\" bitsize=\"32\"/>\n</feature>\n";
+  if (HasFPU) {
+    s += "<feature name=\"org.gnu.gdb.arm.vfp\">\n";
+    for (U32 d = 0; d < 16; d++) {
+      s += "<reg name=\"d" + std::to_string(d) + "\" bitsize=\"64\" type=\"ieee_double\" regnum=\"" +
+           std::to_string(kFirstDoubleRegNum + d) + "\"/>\n";
+    }
+    s += "<reg name=\"fpscr\" bitsize=\"32\" type=\"int\" group=\"float\" regnum=\"" +
+         std::to_string(kFpscrRegNum) + "\"/>\n</feature>\n";
+  }
+  return s + "</target>\n";
 }
 
 // The system region (private peripheral bus with the SCS, then the vendor area): a client that follows
@@ -68,12 +83,49 @@ CProbeBackend* _Backend(const std::string& sDevice) {
 
 }  // namespace
 
+bool CGdbSimServer::_HasFPU() {
+  const PROBE_DEVICE* p = PROBE_GetDevice(TARVIKARM_DEVICE_GetIndex(_Options.sDevice.c_str()));
+  return p && p->Core == PROBE_CORE_CORTEX_M4;
+}
+
 std::string CGdbSimServer::_Registers() {
   std::string s;
-  for (U32 i = 0; i < PROBE_NUM_REGS; i++) {
+  U32 Num = _HasFPU() ? PROBE_NUM_REGS : PROBE_REG_S0;
+  for (U32 i = 0; i < Num; i++) {
     s += GDB_U32ToTargetHex(TARVIKARM_ReadReg(i));
   }
   return s;
+}
+
+std::string CGdbSimServer::_ReadRegister(U32 Number) {
+  if (Number < PROBE_REG_S0) {
+    return GDB_U32ToTargetHex(TARVIKARM_ReadReg(Number));
+  }
+  if (!_HasFPU() || Number > kFpscrRegNum) {
+    return "E16";
+  }
+  if (Number == kFpscrRegNum) {
+    return GDB_U32ToTargetHex(TARVIKARM_ReadReg(PROBE_REG_FPSCR));
+  }
+  U32 S = PROBE_REG_S0 + 2 * (Number - kFirstDoubleRegNum);
+  return GDB_U32ToTargetHex(TARVIKARM_ReadReg(S)) + GDB_U32ToTargetHex(TARVIKARM_ReadReg(S + 1));
+}
+
+std::string CGdbSimServer::_WriteRegister(U32 Number, const std::vector<U8>& aValue) {
+  auto Word = [&aValue](size_t i) {
+    return U32(aValue[i]) | U32(aValue[i + 1]) << 8 | U32(aValue[i + 2]) << 16 | U32(aValue[i + 3]) << 24;
+  };
+  bool IsDouble = _HasFPU() && Number >= kFirstDoubleRegNum && Number < kFpscrRegNum;
+  if (aValue.size() != (IsDouble ? 8u : 4u) ||
+      (Number >= PROBE_REG_S0 && (!_HasFPU() || Number > kFpscrRegNum))) {
+    return "E16";
+  }
+  if (IsDouble) {
+    U32 S = PROBE_REG_S0 + 2 * (Number - kFirstDoubleRegNum);
+    return TARVIKARM_WriteReg(S, Word(0)) == 0 && TARVIKARM_WriteReg(S + 1, Word(4)) == 0 ? "OK" : "E01";
+  }
+  U32 Index = Number == kFpscrRegNum ? PROBE_REG_FPSCR : Number;
+  return TARVIKARM_WriteReg(Index, Word(0)) == 0 ? "OK" : "E01";
 }
 
 std::string CGdbSimServer::_StopReply() {
@@ -213,22 +265,20 @@ std::string CGdbSimServer::_Handle(const std::string& s, bool& bReply, bool& bEn
     }
     case 'p': {
       U32 n = 0;
-      if (!GDB_ParseHexU32(s.substr(1), &n) || n >= PROBE_NUM_REGS) {
+      if (!GDB_ParseHexU32(s.substr(1), &n)) {
         return "E16";
       }
-      return GDB_U32ToTargetHex(TARVIKARM_ReadReg(n));
+      return _ReadRegister(n);
     }
     case 'P': {
       U32 n = 0;
       std::vector<U8> a;
       size_t Eq = s.find('=');
-      if (Eq == std::string::npos || !GDB_ParseHexU32(s.substr(1, Eq - 1), &n) || n >= PROBE_NUM_REGS ||
-          !GDB_FromHex(s.substr(Eq + 1), a) || a.size() != 4) {
+      if (Eq == std::string::npos || !GDB_ParseHexU32(s.substr(1, Eq - 1), &n) ||
+          !GDB_FromHex(s.substr(Eq + 1), a)) {
         return "E16";
       }
-      return TARVIKARM_WriteReg(n, U32(a[0]) | U32(a[1]) << 8 | U32(a[2]) << 16 | U32(a[3]) << 24) == 0
-                 ? "OK"
-                 : "E01";
+      return _WriteRegister(n, a);
     }
     case 'm': {
       if (!_ParseAddrLen(s.substr(1), &Addr, &Len) || Len > 0x8000) {
@@ -292,7 +342,7 @@ std::string CGdbSimServer::_Handle(const std::string& s, bool& bReply, bool& bEn
     return "OK";
   }
   if (s.rfind("qXfer:features:read:target.xml:", 0) == 0) {
-    return _Xfer(_TargetDescription(), s.substr(31));
+    return _Xfer(_TargetDescription(_HasFPU()), s.substr(31));
   }
   if (s.rfind("qXfer:memory-map:read::", 0) == 0) {
     return _Xfer(_MemoryMap(), s.substr(23));

@@ -5,6 +5,7 @@
 
 #include <map>
 #include <string>
+#include <vector>
 
 #include "device/probe/GdbConnection.h"
 
@@ -26,6 +27,10 @@ class CGdbSimServer {
   std::string _Handle(const std::string& sPacket, bool& bReply, bool& bEnd);
   std::string _StopReply();
   std::string _Registers();
+  // One register by its number in the target description (p and P).
+  std::string _ReadRegister(U32 Number);
+  std::string _WriteRegister(U32 Number, const std::vector<U8>& aValue);
+  bool _HasFPU();
   std::string _Xfer(const std::string& sDocument, const std::string& sRange);
   std::string _Monitor(const std::string& sCommand, std::string& sOutput);
   std::string _SetPoint(const std::string& sPacket);

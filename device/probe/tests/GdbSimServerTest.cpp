@@ -254,3 +254,56 @@ TEST(GdbSimServer, ServerHangingUpMidSessionMarksTheTargetLost) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(GdbSimServer, GdbMultiarchSeesTheFpuRegistersOfTheCortexM4) {
+  SKIP_WITHOUT(kServerPath.c_str());
+  SKIP_WITHOUT("/usr/bin/gdb-multiarch");
+  CProcess Server({kServerPath, "--port", "0", "--once", "--image", FixturePath("basic-O0", ".bin")});
+  std::string sAddress = _StartServer(Server);
+  ASSERT_FALSE(sAddress.empty());
+  // s2 and s3 are the halves of d1: 2.5f in s3 and 0 in s2 make the double 0x4020000000000000, 8.0.
+  CProcess Gdb({"gdb-multiarch",
+                "-batch",
+                "-nx",
+                "-ex",
+                "target remote " + sAddress,
+                "-ex",
+                "set $s2 = 0",
+                "-ex",
+                "set $s3 = 2.5",
+                "-ex",
+                "info registers s3",
+                "-ex",
+                "info registers d1",
+                "-ex",
+                "set $fpscr = 0x00c00000",
+                "-ex",
+                "info registers fpscr",
+                "-ex",
+                "info registers s0",
+                "-ex",
+                "detach",
+                FixturePath("basic-O0", ".elf")});
+  std::string sOut = Gdb.ReadUntil("detached", 20000);
+  EXPECT_NE(sOut.find("(raw 0x40200000)"), std::string::npos) << sOut;
+  EXPECT_NE(sOut.find("(raw 0x4020000000000000)"), std::string::npos) << sOut;
+  EXPECT_NE(sOut.find("0xc00000"), std::string::npos) << sOut;
+  EXPECT_NE(sOut.find("s0 "), std::string::npos) << sOut;
+  EXPECT_EQ(sOut.find("Invalid register"), std::string::npos) << sOut;
+}
+
+TEST(GdbSimServer, OurClientReadsAndWritesSingleRegistersThroughDoubleRegisters) {
+  SKIP_WITHOUT(kServerPath.c_str());
+  CServerSession Session({});
+  EXPECT_EQ(TARVIKARM_WriteReg(PROBE_REG_S0 + 4, 0x3F800000), 0);  // s4: the low half of d2
+  EXPECT_EQ(TARVIKARM_WriteReg(PROBE_REG_S0 + 5, 0x40000000), 0);  // s5: the high half
+  EXPECT_EQ(TARVIKARM_WriteReg(PROBE_REG_FPSCR, 0x00400000), 0);
+  EXPECT_EQ(TARVIKARM_ReadReg(PROBE_REG_S0 + 4), 0x3F800000u);
+  EXPECT_EQ(TARVIKARM_ReadReg(PROBE_REG_S0 + 5), 0x40000000u);
+  EXPECT_EQ(TARVIKARM_ReadReg(PROBE_REG_FPSCR), 0x00400000u);
+  EXPECT_EQ(TARVIKARM_ReadReg(PROBE_REG_S0 + 6), 0u) << "d3 untouched";
+}
+
+}  // namespace

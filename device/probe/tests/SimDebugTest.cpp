@@ -161,7 +161,7 @@ TEST(SimFaults, UnmappedReadEntersTheHardFaultHandlerWithFaultStatus) {
   auto Syms = Session.Load("fault-O0");
   EXPECT_EQ(CSimSession::RunToHalt(), 0x56u);  // "bkpt 0x0001" in HardFault_Handler
   EXPECT_EQ(CSimSession::ReadU32(Syms["g_FaultCount"]), 1u);
-  EXPECT_EQ(CSimSession::ReadU32(0xE000ED38), 0x10000000u) << "BFAR";
+  EXPECT_EQ(CSimSession::ReadU32(0xE000ED38), 0x30000000u) << "BFAR";
   EXPECT_EQ(CSimSession::ReadU32(0xE000ED28) & 0x8200u, 0x8200u) << "CFSR.BFARVALID and PRECISERR";
   EXPECT_NE(CSimSession::ReadU32(0xE000ED2C) & (1u << 30), 0u) << "HFSR.FORCED";
 }
@@ -177,7 +177,7 @@ TEST(SimFaults, WithoutAHandlerTheTargetHaltsWithAWarning) {
   TARVIKARM_IsHalted();  // messages of the target's thread arrive with the next operation
   ASSERT_EQ(g_asWarnings.size(), 1u);
   EXPECT_NE(g_asWarnings[0].find("no HardFault handler"), std::string::npos) << g_asWarnings[0];
-  EXPECT_NE(g_asWarnings[0].find("0x10000000"), std::string::npos) << g_asWarnings[0];
+  EXPECT_NE(g_asWarnings[0].find("0x30000000"), std::string::npos) << g_asWarnings[0];
 }
 
 TEST(SimMemory, HolesFailAndReadsStopAtTheEndOfMemory) {
