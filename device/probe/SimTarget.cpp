@@ -377,6 +377,7 @@ bool CSimTarget::_OnBlockSlow(const BLOCK_ENTRY& Block) {
     } else if ((!_OneBlock && (Block.Flags & _SlowBlockFlags)) ||
                (_OneBlockChecked && (Block.Flags & _SlowBlockFlags & ~BLOCK_IT_ACCESS))) {
       // Data breakpoints inside an IT block, or instructions to check before they run.
+      _StepThroughForMultiAccess = (Block.Flags & _SlowBlockFlags & BLOCK_MULTI_ACCESS) != 0;
       _StepThroughLo = Block.Addr;
       _StepThroughHi = Block.Addr + Block.Size;
       _StopEmulation(STOP_STEP_THROUGH);
@@ -732,6 +733,13 @@ bool CSimTarget::_StepThrough() {
     if (_WatchHit) {
       _SetHalted(PROBE_HALT_WATCHPOINT);
       return false;
+    }
+    if (_StepThroughForMultiAccess && !_CheckMultiAccessByHook &&
+        ++_NumMultiAccessSteps >= kMultiAccessHookAfter && SIM_ITStateFromXPSR(_Reg(UC_ARM_REG_XPSR)) == 0) {
+      // A copy loop: from here on the code hook checks its accesses, at full speed.
+      _CheckMultiAccessByHook = true;
+      _UpdateCodeHook();
+      return true;
     }
   }
   return true;
@@ -1122,7 +1130,7 @@ void CSimTarget::_UpdateSlowBlockFlags() {
 }
 
 bool CSimTarget::_IsCodeHookWanted() const {
-  return _TraceOn || !_aWatches.empty() || _CheckUnaligned || _CheckDivide;
+  return _TraceOn || !_aWatches.empty() || _CheckUnaligned || _CheckDivide || _CheckMultiAccessByHook;
 }
 
 bool CSimTarget::_CheckBeforeStep(U32 PC, bool* pFaulted) {

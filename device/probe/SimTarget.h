@@ -113,6 +113,7 @@ class CSimTarget : public CProbeBackend, private ISimSystemHost {
   };
   static constexpr U32 kBlockCacheSize = 1u << 16;
   static constexpr U32 kMaxBlockBytes = 4096;
+  static constexpr U32 kMultiAccessHookAfter = 4096;  // instructions
   static constexpr U32 kNoAddr = 0xFFFFFFFFu;
 
   friend struct SIM_HOOKS;  // the emulator's callbacks, with its exact signatures
@@ -255,6 +256,11 @@ class CSimTarget : public CProbeBackend, private ISimSystemHost {
   // Which instruction faults the emulator doesn't raise itself must be checked before an instruction
   // runs, from CCR's traps, CPACR and a pending lazy floating-point save.
   bool _CheckDivide = false, _CheckUnaligned = false, _CheckFP = false;
+  // Blocks with a multi-word access run one instruction at a time until many have run that way
+  // (a copy loop); from then on the code hook checks them, which costs far less per instruction.
+  U32 _NumMultiAccessSteps = 0;
+  bool _StepThroughForMultiAccess = false;
+  bool _CheckMultiAccessByHook = false;
   bool _FPCAStaysClear = false;  // the instruction being stepped must not set CONTROL.FPCA
   bool _CodeHookUpdatePending = false;
   bool _aHookCheckByHighByte[256] = {};  // encodings the code hook checks, by their first high byte

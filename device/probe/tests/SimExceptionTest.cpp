@@ -483,6 +483,25 @@ TEST(SimFaultChecks, ALoopOfCheckedAccessesRunsToItsEnd) {
   }
 }
 
+TEST(SimFaultChecks, ALongCopyLoopRunsAtSpeedAndAnUnalignedLdmAfterItStillFaults) {
+  // movs r3, #1; lsls r3, r3, #20; 1: ldmia r0!, {r1, r2}; subs r0, #8; subs r3, #1; bne 1b;
+  // adds r0, #2; ldmia r0!, {r1, r2}; bkpt #1. No trap is set: LDM needs word alignment all the same.
+  // Four million instructions one at a time would take far longer than the bound; the last LDM
+  // faults at 0x10E.
+  const std::vector<U16> aLoop = {0x2301, 0x051B, 0xC806, 0x3808, 0x3B01, 0xD1FB, 0x3002, 0xC806, 0xBE01};
+  for (const char* sDevice : {kM3, kM4}) {
+    SCOPED_TRACE(sDevice);
+    CSimSession Session(sDevice);
+    _LoadProgram(aLoop, {});
+    _WriteU32(kSHCSR, kSHCSR_USGFAULTENA);
+    TARVIKARM_WriteReg(0, 0x20000010);
+    EXPECT_EQ(CSimSession::RunToHalt(), U32(kUsageFault));
+    EXPECT_EQ(CSimSession::ReadU32(TARVIKARM_ReadReg(PROBE_REG_SP) + 24), 0x10Eu) << "faulting instruction";
+    EXPECT_EQ(TARVIKARM_ReadReg(3), 0u) << "the loop ran to its end";
+    EXPECT_EQ(CSimSession::ReadU32(kCFSR), 1u << 24) << "UNALIGNED";
+  }
+}
+
 TEST(SimFaultChecks, AMillionTrappedLoadsAndStoresRunWellWithinTheBound) {
   // movs r3, #1; lsls r3, r3, #20; 1: ldr r1, [r0]; adds r1, #1; str r1, [r0]; subs r3, #1; bne 1b;
   // bkpt #1. Four million instructions: run one at a time they would take far longer than the bound.
