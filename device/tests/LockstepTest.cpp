@@ -75,59 +75,14 @@ std::vector<LOCKSTEP_REG> _RegistersOf(U32 Core) {
 
 // ---- QEMU ----
 
-// A QEMU for one fixture, stopped at reset, its gdb socket handed over as in QemuProcess.h. QEMU steps
-// with interrupts and timers held off unless told otherwise; the test lets interrupts in during a
-// step ("Qqemu.sstep=1"), as a core does whose debugger leaves DHCSR.C_MASKINTS clear and as the
-// simulator steps, so that a pended interrupt is taken where the program pends it. The setting is
-// made on a connection of its own, which QEMU keeps after that connection closes.
-class CLockstepQemu {
+// A QEMU for one fixture, stopped at reset. QEMU steps with interrupts and timers held off unless told
+// otherwise; the test lets interrupts in during a step ("Qqemu.sstep=1"), as a core does whose debugger
+// leaves DHCSR.C_MASKINTS clear and as the simulator steps, so that a pended interrupt is taken where
+// the program pends it. The setting is made on a connection of its own, which QEMU keeps after that
+// connection closes.
+class CLockstepQemu : public CQemu {
  public:
-  CLockstepQemu(const char* sMachine, const std::string& sFixture) {
-    int Listen = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in Addr{};
-    Addr.sin_family = AF_INET;
-    Addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(Listen, reinterpret_cast<sockaddr*>(&Addr), sizeof(Addr));
-    socklen_t Len = sizeof(Addr);
-    getsockname(Listen, reinterpret_cast<sockaddr*>(&Addr), &Len);
-    listen(Listen, 1);
-    Port = ntohs(Addr.sin_port);
-    std::vector<std::string> as = {"qemu-system-arm",
-                                   "-M",
-                                   sMachine,
-                                   "-nographic",
-                                   "-S",
-                                   "-monitor",
-                                   "none",
-                                   "-serial",
-                                   "none",
-                                   "-chardev",
-                                   "socket,id=gdb,server=on,wait=off,nodelay=on,fd=" + std::to_string(Listen),
-                                   "-gdb",
-                                   "chardev:gdb",
-                                   "-kernel",
-                                   FixturePath(sFixture, ".elf")};
-    std::vector<char*> apArgs;
-    for (std::string& s : as) {
-      apArgs.push_back(s.data());
-    }
-    apArgs.push_back(nullptr);
-    posix_spawn_file_actions_t Actions;
-    posix_spawn_file_actions_init(&Actions);
-    posix_spawn_file_actions_addopen(&Actions, 1, "/dev/null", O_WRONLY, 0);
-    posix_spawn_file_actions_addopen(&Actions, 2, "/dev/null", O_WRONLY, 0);
-    if (posix_spawnp(&_Pid, "qemu-system-arm", &Actions, nullptr, apArgs.data(), environ) != 0) {
-      _Pid = -1;
-    }
-    posix_spawn_file_actions_destroy(&Actions);
-    close(Listen);
-  }
-  ~CLockstepQemu() {
-    if (_Pid > 0) {
-      kill(_Pid, SIGKILL);
-      waitpid(_Pid, nullptr, 0);
-    }
-  }
+  CLockstepQemu(const char* sMachine, const std::string& sFixture) : CQemu(sFixture, false, sMachine) {}
 
   // Lets interrupts be taken during single steps; 0 or negative with sError.
   int AllowInterruptsInSteps(std::string& sError) {
@@ -145,11 +100,6 @@ class CLockstepQemu {
     }
     return 0;
   }
-
-  U16 Port = 0;
-
- private:
-  pid_t _Pid = -1;
 };
 
 // ---- One fixture in lockstep ----

@@ -1,5 +1,6 @@
-// A QEMU (qemu-system-arm -M mps2-an385) started for one test with a fixture program, stopped at reset,
-// its gdb socket a listening socket made here and handed over: no port race, no waiting for it to listen.
+// A QEMU (qemu-system-arm, mps2-an385 unless told another board) started for one test with a fixture program,
+// stopped at reset, its gdb socket a listening socket made here and handed over: no port race, no waiting for
+// it to listen.
 #pragma once
 
 #include <fcntl.h>
@@ -42,7 +43,7 @@ inline bool _HasProgram(const char* sName) {
 // and no waiting for QEMU to start listening.
 class CQemu {
  public:
-  explicit CQemu(const std::string& sProgram, bool Semihosting = false) {
+  explicit CQemu(const std::string& sProgram, bool Semihosting = false, const char* sMachine = "mps2-an385") {
     int Listen = socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in Addr{};
     Addr.sin_family = AF_INET;
@@ -54,7 +55,7 @@ class CQemu {
     Port = ntohs(Addr.sin_port);
     std::vector<std::string> as = {"qemu-system-arm",
                                    "-M",
-                                   "mps2-an385",
+                                   sMachine,
                                    "-nographic",
                                    "-S",
                                    "-monitor",
