@@ -66,8 +66,10 @@ if [ "$WHICH" = tsan ] || [ "$WHICH" = all ]; then
     app/actions/zevra_actions_tests app/base/zevra_base_tests app/tables/zevra_tables_tests; do
     QT_QPA_PLATFORM=offscreen "${RUN[@]}" "build-tsan/$t" --gtest_list_tests | grep -v '^ ' | tr -d '.'
   done | sort -u | paste -sd '|')
+  # ScriptLimits recurses thousands of script calls deep on purpose: that overflows ThreadSanitizer's
+  # own fixed-size record of the call stack (a crash inside the sanitizer). It runs in the other passes.
   (cd build-tsan && "${RUN[@]}" ctest --output-on-failure --no-tests=error -j "$JOBS" --timeout 1800 \
-    -R "^($SUITES)\." "$@") || status=1
+    -R "^($SUITES)\." -E "^ScriptLimits\." "$@") || status=1
   unset TSAN_OPTIONS
 fi
 
