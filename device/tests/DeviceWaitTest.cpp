@@ -14,6 +14,7 @@
 #include "device/DeviceEvents.h"
 #include "device/probe/ProbeCore.h"
 #include "device/probe/tests/QemuProcess.h"
+#include "device/tests/ProbeLayerDevice.h"
 #include "device/tests/PumpUntil.h"
 #include "device/tests/SlowGdbServer.h"
 
@@ -38,25 +39,8 @@ class CCpuShare {
   std::chrono::steady_clock::time_point _Wall;
 };
 
-class DeviceWait : public ::testing::Test {
+class DeviceWait : public CProbeLayerDeviceTest {
  protected:
-  void SetUp() override {
-    PROBE_ResetLayer();
-    SetTarvikApi(&TARVIK_GetProbeLayerApi());
-    ResetDeviceEventQueue();
-    pDevice = new CDevice();
-  }
-  void TearDown() override {
-    delete pDevice;
-    DispatchDeviceEvents(int(kEventRingSize));
-    PROBE_ResetLayer();
-    SetTarvikApi(nullptr);
-  }
-  void UseGdbServer(const std::string& sAddress) {
-    ASSERT_EQ(pDevice->ScheduleSetConfigParam(DCP_HOST_IF, kHostIFIP), 0);
-    ASSERT_EQ(pDevice->ScheduleSetConfigParam(DCP_HOST_NAME, sAddress.c_str()), 0);
-    ASSERT_EQ(pDevice->ScheduleSetConfigParam(DCP_DEVICE_NAME, "Simulator Cortex-M3"), 0);
-  }
   // A connect and, right after it, a read as Target.ReadU32 makes one; then a disconnect.
   void ConnectReadDisconnect(int Run, U32 Addr, U32 Expected) {
     SCOPED_TRACE(Run);
@@ -73,8 +57,6 @@ class DeviceWait : public ::testing::Test {
     EXPECT_FALSE(pDevice->IsConnected());
     DispatchDeviceEvents(int(kEventRingSize));
   }
-
-  CDevice* pDevice = nullptr;
 };
 
 }  // namespace

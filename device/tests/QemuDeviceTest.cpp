@@ -11,6 +11,7 @@
 #include "device/DeviceEvents.h"
 #include "device/probe/ProbeCore.h"
 #include "device/probe/tests/QemuProcess.h"
+#include "device/tests/ProbeLayerDevice.h"
 #include "device/tests/PumpUntil.h"
 
 namespace {
@@ -24,28 +25,17 @@ struct LOSS_RECORDER : CDeviceEventListener {
   void OnDeviceConnectionLost() override { Calls << "ConnectionLost"; }
 };
 
-class QemuDevice : public ::testing::Test {
+class QemuDevice : public CProbeLayerDeviceTest {
  protected:
   void SetUp() override {
     if (!_HasProgram("qemu-system-arm")) {
       GTEST_SKIP() << "qemu-system-arm is not installed";
     }
-    PROBE_ResetLayer();
-    SetTarvikApi(&TARVIK_GetProbeLayerApi());
-    ResetDeviceEventQueue();
-    pDevice = new CDevice();
-  }
-  void TearDown() override {
-    delete pDevice;
-    DispatchDeviceEvents(int(kEventRingSize));
-    PROBE_ResetLayer();
-    SetTarvikApi(nullptr);
+    CProbeLayerDeviceTest::SetUp();
   }
   // Attaches to the QEMU through the IP interface; the device names the chip QEMU emulates.
   void Attach(const CQemu& Qemu) {
-    ASSERT_EQ(pDevice->ScheduleSetConfigParam(DCP_HOST_IF, kHostIFIP), 0);
-    ASSERT_EQ(pDevice->ScheduleSetConfigParam(DCP_HOST_NAME, Qemu.GetAddress().c_str()), 0);
-    ASSERT_EQ(pDevice->ScheduleSetConfigParam(DCP_DEVICE_NAME, "Simulator Cortex-M3"), 0);
+    UseGdbServer(Qemu.GetAddress());
     ASSERT_EQ(pDevice->ScheduleConnect(CM_ATTACH_HALT), 0);
     ASSERT_TRUE(PumpUntil([&] {
       return Recorder.Calls.contains(QString("ConnectDone %1").arg(CM_ATTACH_HALT));
@@ -54,7 +44,6 @@ class QemuDevice : public ::testing::Test {
     Recorder.Calls.clear();
   }
 
-  CDevice* pDevice = nullptr;
   LOSS_RECORDER Recorder;
 };
 

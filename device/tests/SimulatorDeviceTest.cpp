@@ -14,6 +14,7 @@
 #include "device/DeviceEvents.h"
 #include "device/probe/ProbeCore.h"
 #include "device/tests/LocationRecorder.h"
+#include "device/tests/ProbeLayerDevice.h"
 #include "device/tests/PumpUntil.h"
 
 namespace {
@@ -48,20 +49,8 @@ U32 LittleEndianWord(const QByteArray& Bytes, int Offset) {
   return v;
 }
 
-class SimulatorDevice : public ::testing::Test {
+class SimulatorDevice : public CProbeLayerDeviceTest {
  protected:
-  void SetUp() override {
-    PROBE_ResetLayer();
-    SetTarvikApi(&TARVIK_GetProbeLayerApi());
-    ResetDeviceEventQueue();
-    pDevice = new CDevice();
-  }
-  void TearDown() override {
-    delete pDevice;
-    DispatchDeviceEvents(int(kEventRingSize));
-    PROBE_ResetLayer();
-    SetTarvikApi(nullptr);
-  }
   // Chooses the device, attaches, downloads the fixture's image and resets to its reset vector.
   void StartWith(const char* sImage, const char* sDevice = "Simulator Cortex-M4") {
     ASSERT_EQ(pDevice->ScheduleSetConfigParam(DCP_DEVICE_NAME, sDevice), 0);
@@ -82,7 +71,6 @@ class SimulatorDevice : public ::testing::Test {
     Recorder.Calls.clear();
   }
 
-  CDevice* pDevice = nullptr;
   SESSION_RECORDER Recorder;
   QByteArray Image;
 };

@@ -9,6 +9,7 @@
 #include "device/DeviceEventListener.h"
 #include "device/DeviceEvents.h"
 #include "device/probe/ProbeCore.h"
+#include "device/tests/ProbeLayerDevice.h"
 #include "device/tests/PumpUntil.h"
 #include "device/tests/StallingGdbServer.h"
 
@@ -19,29 +20,16 @@ struct CONNECT_RECORDER : CDeviceEventListener {
   void OnDeviceConnectDone(CONNECT_MODES) override { Connected = true; }
 };
 
-class StalledServer : public ::testing::Test {
+class StalledServer : public CProbeLayerDeviceTest {
  protected:
   void SetUp() override {
-    PROBE_ResetLayer();
-    SetTarvikApi(&TARVIK_GetProbeLayerApi());
-    ResetDeviceEventQueue();
-    pDevice = new CDevice();
-    ASSERT_EQ(pDevice->ScheduleSetConfigParam(DCP_HOST_IF, kHostIFIP), 0);
-    ASSERT_EQ(pDevice->ScheduleSetConfigParam(DCP_HOST_NAME, Server.GetAddress().c_str()), 0);
-    ASSERT_EQ(pDevice->ScheduleSetConfigParam(DCP_DEVICE_NAME, "Simulator Cortex-M3"), 0);
+    CProbeLayerDeviceTest::SetUp();
+    UseGdbServer(Server.GetAddress());
     ASSERT_EQ(pDevice->ScheduleConnect(CM_ATTACH_HALT), 0);
     ASSERT_TRUE(PumpUntil([&] { return Recorder.Connected && pDevice->IsHaltCertain(); }));
     ASSERT_TRUE(PumpUntil([&] { return !pDevice->IsJobPending(JT_ANY); }));
   }
-  void TearDown() override {
-    delete pDevice;
-    DispatchDeviceEvents(int(kEventRingSize));
-    PROBE_ResetLayer();
-    SetTarvikApi(nullptr);
-  }
-
   CStallingGdbServer Server;
-  CDevice* pDevice = nullptr;
   CONNECT_RECORDER Recorder;
 };
 
